@@ -1,0 +1,1 @@
+// Keeps the support archive non-empty while it has no other sources.
