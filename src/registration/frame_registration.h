@@ -1,0 +1,13 @@
+#pragma once
+
+#include "imgcore/kep_export.h"
+#include "imgcore/types.h"
+
+// Registration driver of the low-light path: aligns the burst onto frame 2 (the
+// reference), writes the aligned frames back over the caller's frames, averages
+// the usable frames into `output` and reports the valid area and the feature
+// count in `zoom`. Falls back to the reference frame when registration is not
+// worth doing. `blackLevelOrder` is the four-entry quad-order table.
+KEP_API void qnFrameRegistration(short** frames, short* output, int frameCount, int* usableFrameCount, int width,
+                                 int height, int grayGain, int minFeatureCount, int alignOnly, USERZOOM* zoom,
+                                 float alignTuning, float blurSelect, float sharpnessRatio, int* blackLevelOrder);

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+#include "registration/frame_average.h"
+#include "registration/monotone_curve.h"
+
+namespace {
+
+using Frames = std::vector<std::vector<short>>;
+
+std::vector<short> average(const Frames& frames, int width, int height, int* status = nullptr) {
+    std::vector<const short*> ptrs;
+    for (const auto& f : frames) ptrs.push_back(f.data());
+    std::vector<short> out(static_cast<size_t>(width) * height, -7);
+    const int s = frameAverage(ptrs.data(), out.data(), width, height, static_cast<int>(frames.size()));
+    if (status) *status = s;
+    return out;
+}
+
+TEST(FrameAverage, EveryCountRoundsTheMeanUp) {
+    EXPECT_EQ(average({{3}, {4}}, 1, 1)[0], 4);
+    EXPECT_EQ(average({{0}, {0}, {0}, {1}}, 1, 1)[0], 1);
+    EXPECT_EQ(average({{1}, {1}, {2}}, 1, 1)[0], 2);
+    EXPECT_EQ(average({{9}}, 1, 1)[0], 9);
+
+    // Random samples against (sum + n - 1) / n for every count up to 16, over an
+    // odd-length frame so that any blocking leaves a tail.
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> sample(0, 1023);
+    const int width = 37, height = 3;
+    for (int n = 1; n <= 16; ++n) {
+        Frames frames(n, std::vector<short>(width * height));
+        for (auto& f : frames)
+            for (auto& v : f) v = static_cast<short>(sample(rng));
+        const auto out = average(frames, width, height);
+        for (int p = 0; p < width * height; ++p) {
+            int sum = 0;
+            for (int k = 0; k < n; ++k) sum += frames[k][p];
+            ASSERT_EQ(out[p], (sum + n - 1) / n) << "n=" << n << " p=" << p;
+        }
+    }
+}
+
+TEST(FrameAverage, FullScaleSixteenFramesAndNoFrames) {
+    Frames frames(16, std::vector<short>(8, 1023));
+    EXPECT_EQ(average(frames, 4, 2), std::vector<short>(8, 1023));
+    int status = -1;
+    const auto untouched = average({}, 4, 2, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(untouched, std::vector<short>(8, -7));
+}
+
+TEST(FrameAverage, SamplesOutsideTenBitsNeverReadPastTheTable) {
+    // The caller's reference frame arrives unclamped: sums beyond the table are
+    // divided directly (the sanitizer build catches any read past the table).
+    Frames frames = {{1023, 4000, 32767, -5}, {1023, 4000, 32767, -5}, {1023, 4000, 32767, -5}};
+    const auto out = average(frames, 4, 1);
+    EXPECT_EQ(out[0], 1023);
+    EXPECT_EQ(out[1], 4000);
+    EXPECT_EQ(out[2], (65534 % 65536 + 32767 + 2) / 3);  // 16-bit wrapped partial sum
+    EXPECT_EQ(out[3], (65526 + -5 + 2) / 3);
+}
+
+TEST(FrameAverage, TableAndDivisionGiveTheSameValues) {
+    std::mt19937 rng(3);
+    std::uniform_int_distribution<int> sample(0, 1023);
+    for (int n : {3, 5, 9, 16}) {
+        std::vector<unsigned short> table(n * 1024);
+        for (int i = 0; i < n * 1024; ++i) table[i] = static_cast<unsigned short>((i + n - 1) / n);
+        std::vector<short> sums(500), last(500);
+        for (int p = 0; p < 500; ++p) {
+            sums[p] = static_cast<short>(sample(rng) * (n - 1));
+            last[p] = static_cast<short>(sample(rng));
+        }
+        std::vector<short> viaTable = sums, viaDivision = sums;
+        frame_average_detail::divideLastSum(viaTable.data(), last.data(), 500, n, table.data());
+        frame_average_detail::divideLastSum(viaDivision.data(), last.data(), 500, n, nullptr);
+        EXPECT_EQ(viaTable, viaDivision) << n;
+    }
+}
+
+TEST(MonotoneCurve, SmoothstepBetweenTwoPointsAndLineThroughThree) {
+    int xs2[] = {0, 255}, ys2[] = {0, 255};
+    float* curve = getNInterpolation(xs2, ys2, 2);
+    ASSERT_NE(curve, nullptr);
+    EXPECT_EQ(curve[0], 0.0f);
+    EXPECT_EQ(curve[255], 255.0f);
+    for (int x = 1; x < 255; ++x) EXPECT_LE(curve[x - 1], curve[x]);
+    const float t = 64.0f / 255.0f;
+    EXPECT_NEAR(curve[64], 255.0f * (3 * t * t - 2 * t * t * t), 1e-3);  // zero end slopes
+    std::free(curve);
+
+    int xs3[] = {0, 10, 20}, ys3[] = {0, 10, 20};
+    curve = getNInterpolation(xs3, ys3, 3);
+    ASSERT_NE(curve, nullptr);
+    for (int x = 0; x <= 20; ++x) EXPECT_NEAR(curve[x], static_cast<float>(x), 1e-4) << x;
+    std::free(curve);
+
+    int xs1[] = {5}, ys1[] = {42};
+    curve = getNInterpolation(xs1, ys1, 1);
+    ASSERT_NE(curve, nullptr);
+    EXPECT_EQ(curve[5], 42.0f);
+    EXPECT_EQ(curve[0], 0.0f);
+    std::free(curve);
+}
+
+TEST(MonotoneCurve, DecreasingControlPointsStayInsideTheCurve) {
+    int xs[] = {0, 30, 10}, ys[] = {0, 5, 9};
+    float* curve = getNInterpolation(xs, ys, 3);  // 11 entries; the interval to 30 is clipped
+    ASSERT_NE(curve, nullptr);
+    EXPECT_EQ(curve[10], 9.0f);
+    std::free(curve);
+    int negative[] = {-4}, y[] = {1};
+    EXPECT_EQ(getNInterpolation(negative, y, 1), nullptr);
+}
+
+}  // namespace
