@@ -1,0 +1,68 @@
+#include "imgcore/gauss5x5.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace {
+
+// t(x) = k0*s(x-2) + .. + k4*s(x+2) for x in [2, width-3], wrapped to 16 bits.
+// Columns 0, 1, width-2 and width-1 of t are left unwritten.
+void horizontalRow(const uint8_t* __restrict s, uint16_t* __restrict t, int width, const uint8_t* kernel) {
+    const int k0 = kernel[0], k1 = kernel[1], k2 = kernel[2], k3 = kernel[3], k4 = kernel[4];
+    for (int x = 2; x < width - 2; ++x)
+        t[x] = static_cast<uint16_t>(k0 * s[x - 2] + k1 * s[x - 1] + k2 * s[x] + k3 * s[x + 1] + k4 * s[x + 2]);
+}
+
+// Vertical taps over five intermediate rows, scaled by the single-precision
+// reciprocal of S*S. u <= S * 65535 and u <= 255 * S*S, so u * recip stays below
+// 256 and fits the int conversion; u itself is below 2^31, so converting it via
+// int gives the same float as via unsigned.
+void verticalRow(const uint16_t* __restrict t0, const uint16_t* __restrict t1, const uint16_t* __restrict t2,
+                 const uint16_t* __restrict t3, const uint16_t* __restrict t4, uint8_t* __restrict d, int width,
+                 const uint8_t* kernel, float recip) {
+    const int k0 = kernel[0], k1 = kernel[1], k2 = kernel[2], k3 = kernel[3], k4 = kernel[4];
+    for (int x = 2; x < width - 2; ++x) {
+        const int u = k0 * t0[x] + k1 * t1[x] + k2 * t2[x] + k3 * t3[x] + k4 * t4[x];
+        d[x] = static_cast<uint8_t>(static_cast<int>(static_cast<float>(u) * recip));
+    }
+}
+
+void zeroInterior(uint8_t* dst, int width, int height, int dstStride) {
+    for (int y = 2; y < height - 2; ++y) {
+        uint8_t* d = dst + static_cast<std::ptrdiff_t>(y) * dstStride;
+        for (int x = 2; x < width - 2; ++x) d[x] = 0;
+    }
+}
+
+}  // namespace
+
+int gauss5x5_u8(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride, int dstStride,
+                const unsigned char* kernel) {
+    if (src == nullptr || dst == nullptr || kernel == nullptr) return -1;
+    // Nothing lies two pixels inside every side: no output, and the horizontal
+    // results would never be read.
+    if (width < 5 || height < 5) return 0;
+    if (srcStride == 0) srcStride = width;
+    if (dstStride == 0) dstStride = width;
+
+    const int sum = kernel[0] + kernel[1] + kernel[2] + kernel[3] + kernel[4];
+    if (sum == 0) {
+        // 0 * (1/0) is NaN, which the target's float-to-unsigned conversion turns into 0.
+        zeroInterior(dst, width, height, dstStride);
+        return 0;
+    }
+
+    const std::size_t w = static_cast<std::size_t>(width);
+    std::unique_ptr<uint16_t[]> tmp(new uint16_t[w * static_cast<std::size_t>(height)]);
+    for (int y = 0; y < height; ++y)
+        horizontalRow(src + static_cast<std::ptrdiff_t>(y) * srcStride, tmp.get() + y * w, width, kernel);
+
+    const float recip = 1.0f / static_cast<float>(sum * sum);
+    for (int y = 2; y < height - 2; ++y) {
+        const uint16_t* t = tmp.get() + (y - 2) * w;
+        verticalRow(t, t + w, t + 2 * w, t + 3 * w, t + 4 * w, dst + static_cast<std::ptrdiff_t>(y) * dstStride,
+                    width, kernel, recip);
+    }
+    return 0;
+}

@@ -1,0 +1,124 @@
+#include "registration/guide_image.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "imgcore/gauss5x5.h"
+
+namespace {
+
+// One guide row from four raw rows: the rows are summed column by column first,
+// then each run of four column sums gives a block total. Integer sums are exact,
+// so the grouping does not change any total.
+void guideRow(const short* r0, const short* r1, const short* r2, const short* r3, int* __restrict colSum,
+              uint8_t* __restrict out, int cols, int grayGain) {
+    const int n = 4 * cols;
+    for (int x = 0; x < n; ++x) colSum[x] = r0[x] + r1[x] + r2[x] + r3[x];
+    for (int c = 0; c < cols; ++c) {
+        const int* s = colSum + 4 * c;
+        const int mean = (s[0] + s[1] + s[2] + s[3]) / 16;
+        // 32-bit product with the wrap-around of the target's multiply, without
+        // signed-overflow undefined behaviour.
+        int v = static_cast<int>(static_cast<uint32_t>(mean) * static_cast<uint32_t>(grayGain));
+        if (v >= 1023) v = 1023;
+        out[c] = static_cast<uint8_t>(static_cast<uint32_t>(v) >> 2);
+    }
+}
+
+// The 5x5 kernels of conImageBlur are outer products of these 5-tap rows, so
+// the weighted sum is formed as a horizontal then a vertical pass. The sums are
+// exact integers either way.
+constexpr int kSmoothTaps[5] = {1, 2, 4, 2, 1};
+constexpr int kSmoothDivisor = 100;
+constexpr int kBoxTaps[5] = {1, 1, 1, 1, 1};
+constexpr int kBoxDivisor = 25;
+
+void blurRowHorizontal(const uint8_t* __restrict s, uint16_t* __restrict h, int width, const int* k) {
+    const int k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3], k4 = k[4];
+    for (int x = 2; x < width - 2; ++x)
+        h[x] = static_cast<uint16_t>(k0 * s[x - 2] + k1 * s[x - 1] + k2 * s[x] + k3 * s[x + 1] + k4 * s[x + 2]);
+}
+
+// sum <= 255 * 100, exact in single precision; the quotient lies in [0, 255].
+void blurRowVertical(const uint16_t* __restrict h0, const uint16_t* __restrict h1, const uint16_t* __restrict h2,
+                     const uint16_t* __restrict h3, const uint16_t* __restrict h4, uint8_t* __restrict d, int width,
+                     const int* k, float divisor) {
+    const int k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3], k4 = k[4];
+    for (int x = 2; x < width - 2; ++x) {
+        const int sum = k0 * h0[x] + k1 * h1[x] + k2 * h2[x] + k3 * h3[x] + k4 * h4[x];
+        d[x] = static_cast<uint8_t>(static_cast<int>(static_cast<float>(sum) / divisor));
+    }
+}
+
+}  // namespace
+
+void bayer_to_8bit_gray(short* raw, unsigned char* guide, int width, int height, int grayGain, int /*frameIndex*/) {
+    if (height < 4) return;
+    const int rows = height / 4;
+    const int cols = width / 4;
+    if (cols <= 0) return;
+    const std::size_t w = static_cast<std::size_t>(width);
+    std::vector<int> colSum(static_cast<std::size_t>(4 * cols));
+    for (int r = 0; r < rows; ++r) {
+        const short* r0 = raw + static_cast<std::size_t>(4 * r) * w;
+        // Guide rows are packed at the guide's own width.
+        guideRow(r0, r0 + w, r0 + 2 * w, r0 + 3 * w, colSum.data(), guide + static_cast<std::size_t>(r) * cols,
+                 cols, grayGain);
+    }
+}
+
+void conImageBlur(unsigned char* src, unsigned char* dst, int width, int height, float blurSelect) {
+    const bool box = blurSelect > 510.0;  // NaN selects the smoothing kernel
+    const int* taps = box ? kBoxTaps : kSmoothTaps;
+    const float divisor = static_cast<float>(box ? kBoxDivisor : kSmoothDivisor);
+    if (height < 5 || width < 5) return;
+
+    // Every source row is consumed by the horizontal pass before dst is written,
+    // so in-place use reads the input as it was before the call.
+    const std::size_t w = static_cast<std::size_t>(width);
+    std::vector<uint16_t> horiz(w * static_cast<std::size_t>(height));
+    for (int y = 0; y < height; ++y) blurRowHorizontal(src + y * w, horiz.data() + y * w, width, taps);
+    for (int y = 2; y < height - 2; ++y) {
+        const uint16_t* h = horiz.data() + (y - 2) * w;
+        blurRowVertical(h, h + w, h + 2 * w, h + 3 * w, h + 4 * w, dst + y * w, width, taps, divisor);
+    }
+}
+
+void histogram_equalization(unsigned char* src, unsigned char* dst, int width, int height) {
+    if (width <= 0 || height <= 0) return;
+    const std::size_t n = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    const int pixels = width * height;
+
+    int count[256] = {0};
+    for (std::size_t i = 0; i < n; ++i) ++count[src[i]];
+
+    // The product is formed in 64 bits only to stay defined; for any image that
+    // fits in memory the quotient is the 32-bit one.
+    const int limit = static_cast<int>((3LL * width * height) / 256);
+    int excess = 0;
+    for (int b = 0; b < 256; ++b) {
+        if (count[b] > limit) {
+            excess += count[b] - limit;
+            count[b] = limit;
+        }
+    }
+    const int share = excess / 256;
+
+    uint8_t lut[256];
+    float cumulative = 0.0f;
+    for (int b = 0; b < 256; ++b) {
+        const float p = static_cast<float>(count[b] + share) / static_cast<float>(pixels);
+        cumulative += p;  // starts at 0, so c[0] = p[0] exactly
+        // The clipped counts plus the shares never exceed the pixel count, so the
+        // product stays within [0, 256) even with rounding.
+        lut[b] = static_cast<uint8_t>(static_cast<int>(cumulative * 255.0));
+    }
+    for (std::size_t i = 0; i < n; ++i) dst[i] = lut[src[i]];
+}
+
+void imageBlur(unsigned char* src, unsigned char* dst, int width, int height) {
+    static const unsigned char kernel[5] = {1, 2, 4, 2, 1};
+    gauss5x5_u8(src, dst, width, height, width, width, kernel);
+}
