@@ -80,13 +80,6 @@ TEST(Pyramid, OddHalfLevelUpSamplesWithRepeatedRowsAndColumns) {
     std::vector<short> out(750 * 14, -1);
     imageUpSample(src.data(), out.data(), h, w, 2 * w, 2 * 14, remainder, 1);
     EXPECT_EQ(out, literalUpSample(src, h, w, 2, 2));
-
-    // The repeated rows matter: changing the last source quad row changes output row 749.
-    std::vector<short> changed = src;
-    for (int x = 0; x < w; ++x) changed[(h - 1) * w + x] = static_cast<short>(changed[(h - 1) * w + x] + 256);
-    std::vector<short> out2(out.size());
-    imageUpSample(changed.data(), out2.data(), h, w, 0, 0, remainder, 1);
-    EXPECT_NE(out2[749 * 14 + 1], out[749 * 14 + 1]);
 }
 
 // The separable path must equal the plain zero-insert-and-filter path bit for bit.
