@@ -30,5 +30,5 @@ KEP_API void qnImgDiff(unsigned char* a, unsigned char* b, short* dst, int width
 // includes width < 4), when there is no bin or when step < 1. Cells are visited
 // row by row; those before the failing one keep their outputs, later ones are
 // not processed.
-KEP_API int qnGetHistogram(short* dog, float lo, float hi, float binWidth, int width, int height, int step,
-                           float frac, float negCap, float posCap, float* negThr, float* posThr);
+KEP_API int qnGetHistogram(short* dog, float lo, float hi, float binWidth, int width, int height, int step, float frac,
+                           float negCap, float posCap, float* negThr, float* posThr);

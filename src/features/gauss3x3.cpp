@@ -10,16 +10,13 @@
 
 namespace {
 
-inline std::ptrdiff_t rowOffset(int row, int stride) {
-    return static_cast<std::ptrdiff_t>(row) * stride;
-}
+inline std::ptrdiff_t rowOffset(int row, int stride) { return static_cast<std::ptrdiff_t>(row) * stride; }
 
 // Horizontal pass of one row into t (columns 1..width-2). The 16-bit result is
 // what the filter defines; the compiler vectorises this loop.
-void horizontalRow(const unsigned char* __restrict s, std::uint16_t* __restrict t, int width, unsigned k0,
-                   unsigned k1, unsigned k2) {
-    for (int x = 1; x < width - 1; ++x)
-        t[x] = static_cast<std::uint16_t>(k0 * s[x - 1] + k1 * s[x] + k2 * s[x + 1]);
+void horizontalRow(const unsigned char* __restrict s, std::uint16_t* __restrict t, int width, unsigned k0, unsigned k1,
+                   unsigned k2) {
+    for (int x = 1; x < width - 1; ++x) t[x] = static_cast<std::uint16_t>(k0 * s[x - 1] + k1 * s[x] + k2 * s[x + 1]);
 }
 
 // Vertical pass of one output row from the three 16-bit rows around it.
@@ -65,8 +62,8 @@ int gauss3x3_u8(const unsigned char* src, unsigned char* dst, int width, int hei
     return 0;
 }
 
-int gauss3x3U8Plain(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride,
-                    int dstStride, const unsigned char* kernel) {
+int gauss3x3U8Plain(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride, int dstStride,
+                    const unsigned char* kernel) {
     if (src == nullptr || dst == nullptr || kernel == nullptr) return -1;
     if (srcStride == 0) srcStride = width;
     if (dstStride == 0) dstStride = width;
@@ -76,8 +73,8 @@ int gauss3x3U8Plain(const unsigned char* src, unsigned char* dst, int width, int
     };
     for (int y = 1; y < height - 1; ++y) {
         for (int x = 1; x < width - 1; ++x) {
-            const std::uint32_t s = kernel[1] * horizontal(y, x) + kernel[0] * horizontal(y - 1, x) +
-                                    kernel[2] * horizontal(y + 1, x);
+            const std::uint32_t s =
+                kernel[1] * horizontal(y, x) + kernel[0] * horizontal(y - 1, x) + kernel[2] * horizontal(y + 1, x);
             dst[rowOffset(y, dstStride) + x] = static_cast<unsigned char>(s >> 16);
         }
     }

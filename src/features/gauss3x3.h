@@ -37,5 +37,5 @@ int gauss3x3SideWeight(float sigma);
 
 // Plain per-pixel form of gauss3x3_u8, without the temporary plane; the
 // reference the optimised passes are checked against. Same contract and status.
-int gauss3x3U8Plain(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride,
-                    int dstStride, const unsigned char* kernel);
+int gauss3x3U8Plain(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride, int dstStride,
+                    const unsigned char* kernel);

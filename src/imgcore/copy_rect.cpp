@@ -53,8 +53,10 @@ template <typename T>
 bool spansOverlap(const Side<T>& a, const Side<T>& b, int height) {
     const std::uintptr_t a0 = reinterpret_cast<std::uintptr_t>(a.start);
     const std::uintptr_t b0 = reinterpret_cast<std::uintptr_t>(b.start);
-    const std::uintptr_t a1 = a0 + static_cast<std::uintptr_t>(height) * static_cast<std::uintptr_t>(a.stride) * sizeof(T);
-    const std::uintptr_t b1 = b0 + static_cast<std::uintptr_t>(height) * static_cast<std::uintptr_t>(b.stride) * sizeof(T);
+    const std::uintptr_t a1 =
+        a0 + static_cast<std::uintptr_t>(height) * static_cast<std::uintptr_t>(a.stride) * sizeof(T);
+    const std::uintptr_t b1 =
+        b0 + static_cast<std::uintptr_t>(height) * static_cast<std::uintptr_t>(b.stride) * sizeof(T);
     return a0 < b1 && b0 < a1;
 }
 

@@ -35,11 +35,11 @@ namespace memory {
 //
 // Explicitly instantiated for unsigned char and short.
 template <typename T>
-KEP_API int copyRect_v00(const T* src, T* dst, int width, int height, int srcStride, int dstStride, int srcX,
-                         int srcY, int dstX, int dstY);
+KEP_API int copyRect_v00(const T* src, T* dst, int width, int height, int srcStride, int dstStride, int srcX, int srcY,
+                         int dstX, int dstY);
 
-extern template int copyRect_v00<unsigned char>(const unsigned char*, unsigned char*, int, int, int, int, int, int,
-                                                int, int);
+extern template int copyRect_v00<unsigned char>(const unsigned char*, unsigned char*, int, int, int, int, int, int, int,
+                                                int);
 extern template int copyRect_v00<short>(const short*, short*, int, int, int, int, int, int, int, int);
 
 }  // namespace memory
