@@ -21,8 +21,9 @@
 // On success list->cells is a new calloc'ed block of 16 cells (row-major) that
 // the caller releases with free(); an old block is not released here. Returns 0
 // on success, -1 on histogram failure (also, without a message, for a null
-// param or list, or when the cell block cannot be allocated). A null mask is
-// treated like an ignored mask; a null featureCount is not written.
+// param or list, or when the response plane or the cell block cannot be
+// allocated). A null mask is treated like an ignored mask; a null featureCount
+// is not written.
 KEP_API int qnGet4x4GridFeature(QNGet4x4GridFeatureParam_* param, QNGridFeaturePointList* list, unsigned char* mask);
 
 // Ascending order of score: the ordering of the per-cell selection sort.
