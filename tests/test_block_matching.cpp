@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <functional>
 #include <random>
 #include <thread>
@@ -292,15 +291,6 @@ TEST(MatchSingleBlock, FindsSubpixelShiftOfSmoothTexture) {
         EXPECT_GT(textured, matched / 3) << s[0] << "," << s[1];
         EXPECT_EQ(accurate, textured) << s[0] << "," << s[1];
     }
-}
-
-TEST(CompareDist, OrdersByAscendingDist) {
-    FP_Match a{}, b{};
-    a.dist = 1.0f;
-    b.dist = 2.0f;
-    EXPECT_TRUE(compare_dist(a, b));
-    EXPECT_FALSE(compare_dist(b, a));
-    EXPECT_FALSE(compare_dist(a, a));
 }
 
 }  // namespace
