@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "imgcore/row_stripes.h"
+#include "hdr/extended_stripes.h"
 #include "imgcore/saturate.h"
 
 namespace {
@@ -125,21 +125,6 @@ void binomialRows(const T* extended, T* dst, int rowStart, int rowEnd, int width
             out[c] = static_cast<T>(static_cast<int>(static_cast<float>(s) / 256.0f));
         }
     }
-}
-
-// Four workers over the extended rows [border, height + border), cut at
-// q = (height + 2 * border) / 4. On short images (q below the border) the raw bounds
-// would leave that range, so each stripe is clipped to it; the clipped stripes still
-// cover every row exactly once.
-template <typename Body>
-void runOnExtendedStripes(int height, int border, Body body) {
-    const int q = (height + 2 * border) / 4;
-    const int bounds[5] = {border, q, 2 * q, 3 * q, height + border};
-    runFourWorkers([&](int k) {
-        const int rowStart = std::clamp(bounds[k], border, height + border);
-        const int rowEnd = std::clamp(bounds[k + 1], border, height + border);
-        body(rowStart, rowEnd);
-    });
 }
 
 template <typename T>
