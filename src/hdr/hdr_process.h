@@ -33,7 +33,7 @@ KEP_API void initializeParameter(Parameter* parameter);
 // `output` may be one of the inputs.
 //
 // The bracket is [frameC, frameB, copy of frameA, frameA] with gains
-// max(r/4, 1), max(r/2, 1), max(r/4, 1) and r (r = exposureRatio, the last one
+// max(r/4, 1), max(r/4, 1), max(r/2, 1) and r (r = exposureRatio, the last one
 // deliberately not floored) after black-level removal (blackLevels: top-left,
 // top-right, bottom-left, bottom-right site). The frames are white balanced,
 // gamma mapped (exponents 1.0, 0.85, 0.65, 0.5), weighted, fused into a
