@@ -74,6 +74,49 @@ TEST(FusionWeights, CurvesPeakAtBothCentresAndFullWeightIsScaledBy255Over256) {
     EXPECT_EQ(table[0], -7.0f);
 }
 
+TEST(FusionWeights, ChunkedWellExposednessMatchesPlainDefinition) {
+    std::mt19937 rng(13);
+    for (float scale : {1.0f, 0.3f, 4.0f}) {
+        std::vector<float> atCenter(1024), aboveCenter(1024);
+        createLUT(atCenter.data(), 1023, scale, 511);
+        createLUT(aboveCenter.data(), 1023, scale, 562);
+        for (int width : {1, 7, 16, 33, 255, 257, 600}) {
+            const int height = 3, n = width * height;
+            U16 intensity(n), last(n), highlight(n);
+            for (int p = 0; p < n; ++p) {
+                intensity[p] = static_cast<unsigned short>(rng() % 1024);
+                last[p] = static_cast<unsigned short>(p % 9 == 0 ? 613 + rng() % 3 : rng() % 1024);  // dark edge
+                highlight[p] = static_cast<unsigned short>(rng() % 65536);  // high byte must be ignored
+            }
+            for (int frame : {0, 3}) {
+                // The last frame's own intensity is the last intensity.
+                const U16& own = frame == 3 ? last : intensity;
+                U16 fast(n, 1), plain(n, 2);
+                wellExposedness(const_cast<unsigned short*>(own.data()), fast.data(), 511, 0, height, width, 1023,
+                                frame, 4, scale, last.data(), atCenter.data(), aboveCenter.data(), highlight.data());
+                fusion_detail::wellExposednessPlain(own.data(), plain.data(), 0, n, 1023, frame == 3, last.data(),
+                                                    atCenter.data(), aboveCenter.data(), highlight.data());
+                ASSERT_EQ(fast, plain) << "width " << width << " frame " << frame << " scale " << scale;
+                // In place over the intensities, as the driver runs it.
+                U16 shared = own;
+                U16 lastCopy = last;
+                wellExposedness(shared.data(), shared.data(), 511, 0, height, width, 1023, frame, 4, scale,
+                                frame == 3 ? shared.data() : lastCopy.data(), atCenter.data(), aboveCenter.data(),
+                                highlight.data());
+                ASSERT_EQ(shared, plain) << "in place, width " << width << " frame " << frame;
+            }
+        }
+    }
+
+    // Curves that are not numbers take the saturating path: dark pixels keep
+    // their fixed weights, the others convert NaN to 0.
+    std::vector<float> nanCurve(1024, std::nanf(""));
+    U16 intensity = {100, 900}, last = {100, 900}, highlight = {0, 0}, weight(2, 7);
+    wellExposedness(intensity.data(), weight.data(), 511, 0, 1, 2, 1023, 3, 4, 1.0f, last.data(), nanCurve.data(),
+                    nanCurve.data(), highlight.data());
+    EXPECT_EQ(weight, (U16{1023, 0}));
+}
+
 TEST(FusionWeights, DarkLastFrameCarriesEverything) {
     const int width = 32, height = 12;
     // Left half: last frame dark (500 < 0.6 * 1023); right half: bright.

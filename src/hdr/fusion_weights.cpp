@@ -86,6 +86,72 @@ void filterWeightRowsBinomial(const unsigned short* extended, unsigned short* ds
     }
 }
 
+// The weight of a pixel is computed from whiteLevel, at most 65535 for the last
+// frame's intensity and two curve values; with finite curves of bounded size
+// and a positive white level every intermediate value and the rounded weight
+// stay far inside the int range, so the fast path may convert plainly.
+bool curvesKeepWeightsInRange(const float* curveAtCenter, const float* curveAboveCenter, int whiteLevel) {
+    if (whiteLevel <= 0) return false;
+    double largest = 0.0;
+    for (int i = 0; i <= whiteLevel; ++i) {
+        const double a = std::fabs(static_cast<double>(curveAtCenter[i]));
+        const double b = std::fabs(static_cast<double>(curveAboveCenter[i]));
+        if (!(a <= 1.0e6) || !(b <= 1.0e6)) return false;  // also rejects NaN and inf
+        largest = std::max(largest, std::max(a, b));
+    }
+    const double W = whiteLevel;
+    const double term = (largest + 1.0) * 2.5 * 65535.0 / W + 2.5 + 1.5 * largest;  // bounds |A| and |B|
+    return 2.0 * term * 255.0 * W < 1.0e9;
+}
+
+// wellExposedness in chunks: a scalar pass gathers the curve values and the
+// dark test (as an integer threshold) into local arrays, a branch-free pass over
+// those arrays computes the weights (it vectorises: no table lookups, no float
+// comparisons, no aliasing with the caller's buffers), and the chunk is stored.
+// The arithmetic is that of wellExposednessPlain, operation for operation, and
+// every value is inside the int range (curvesKeepWeightsInRange), so the plain
+// rounding equals the saturating one.
+template <bool IsLast>
+void wellExposednessChunked(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
+                            int whiteLevel, const unsigned short* lastIntensity, const float* curveAtCenter,
+                            const float* curveAboveCenter, const unsigned short* highlightMap) {
+    constexpr int kChunk = 256;
+    const float W = static_cast<float>(whiteLevel);
+    const int darkWeight = IsLast ? whiteLevel : 0;
+    const int maxIndex = whiteLevel;
+    // 0.6f * W > L for an integer L exactly when L < ceil(0.6f * W).
+    const int darkBelow = static_cast<int>(std::ceil(0.6f * W));
+    float a[kChunk], b[kChunk], L[kChunk];
+    int m[kChunk], dark[kChunk];
+    unsigned short out[kChunk];
+    for (ptrdiff_t p0 = begin; p0 < end; p0 += kChunk) {
+        const int n = static_cast<int>(std::min<ptrdiff_t>(kChunk, end - p0));
+        for (int j = 0; j < n; ++j) {
+            const int last = lastIntensity[p0 + j];
+            const int i = std::min(static_cast<int>(intensity[p0 + j]), maxIndex);
+            a[j] = curveAtCenter[i];
+            b[j] = curveAboveCenter[i];
+            L[j] = static_cast<float>(last);
+            m[j] = highlightMap[p0 + j] & 0xFF;
+            dark[j] = -static_cast<int>(last < darkBelow);
+        }
+        for (int j = 0; j < n; ++j) {
+            float A, B;
+            if (IsLast) {
+                A = ((a[j] - 1.0f) * 2.5f * L[j]) / W + 2.5f + a[j] * (-1.5f);
+                B = ((b[j] - 1.0f) * 2.5f * L[j]) / W + 2.5f + b[j] * (-1.5f);
+            } else {
+                A = (a[j] * 2.5f * L[j]) / W + a[j] * (-1.5f);
+                B = (b[j] * 2.5f * L[j]) / W + b[j] * (-1.5f);
+            }
+            const float v = A * static_cast<float>(255 - m[j]) * W + B * static_cast<float>(m[j]) * W;
+            const int w = static_cast<int>(static_cast<uint32_t>(roundHalfAwayInRange(v)) >> 8);
+            out[j] = static_cast<unsigned short>((w & ~dark[j]) | (darkWeight & dark[j]));
+        }
+        for (int j = 0; j < n; ++j) weight[p0 + j] = out[j];
+    }
+}
+
 }  // namespace
 
 namespace fusion_detail {
@@ -101,6 +167,38 @@ unsigned short highlightValue(int a, int b, int whiteLevel) {
         value = q;
     if (value >= 101) value = std::min(3 * value - 200, 255);
     return static_cast<unsigned short>(value);
+}
+
+void wellExposednessPlain(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
+                          int whiteLevel, bool isLast, const unsigned short* lastIntensity, const float* curveAtCenter,
+                          const float* curveAboveCenter, const unsigned short* highlightMap) {
+    const float W = static_cast<float>(whiteLevel);
+    const unsigned short darkWeight = isLast ? static_cast<unsigned short>(whiteLevel) : 0;
+    // Intensities beyond the tables are read as the last entry (the caller keeps
+    // them in [0, whiteLevel]; this only guards the table bounds).
+    const int maxIndex = std::max(whiteLevel, 0);
+    for (ptrdiff_t p = begin; p < end; ++p) {
+        const float L = static_cast<float>(lastIntensity[p]);
+        const int i = std::min(static_cast<int>(intensity[p]), maxIndex);
+        if (0.6f * W > L) {
+            weight[p] = darkWeight;
+            continue;
+        }
+        const float a = curveAtCenter[i];
+        const float b = curveAboveCenter[i];
+        const int m = highlightMap[p] & 0xFF;
+        float A, B;
+        if (isLast) {
+            A = ((a - 1.0f) * 2.5f * L) / W + 2.5f + a * (-1.5f);
+            B = ((b - 1.0f) * 2.5f * L) / W + 2.5f + b * (-1.5f);
+        } else {
+            A = (a * 2.5f * L) / W + a * (-1.5f);
+            B = (b * 2.5f * L) / W + b * (-1.5f);
+        }
+        const float v = A * static_cast<float>(255 - m) * W + B * static_cast<float>(m) * W;
+        const uint32_t rounded = static_cast<uint32_t>(roundHalfAwaySaturating(v));
+        weight[p] = static_cast<unsigned short>(rounded >> 8);
+    }
 }
 
 void filterWeightRowsPlain(const unsigned short* extended, const int (*kernel)[5], unsigned short* dst, int rowStart,
@@ -143,37 +241,21 @@ void wellExposedness(unsigned short* intensity, unsigned short* weight, int /*ex
                      int rowEnd, int width, int whiteLevel, int frameIndex, int frameCount,
                      float /*exposureWeightScale*/, unsigned short* lastIntensity, float* curveAtCenter,
                      float* curveAboveCenter, unsigned short* highlightMap) {
-    const bool isLast = frameIndex == frameCount - 1;
-    const float W = static_cast<float>(whiteLevel);
-    const unsigned short darkWeight = isLast ? static_cast<unsigned short>(whiteLevel) : 0;
-    // Intensities beyond the tables are read as the last entry (the caller keeps
-    // them in [0, whiteLevel]; this only guards the table bounds).
-    const int maxIndex = std::max(whiteLevel, 0);
     if (rowEnd <= rowStart || width <= 0) return;
     const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
     const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
-    for (ptrdiff_t p = begin; p < end; ++p) {
-        const float L = static_cast<float>(lastIntensity[p]);
-        const int i = std::min(static_cast<int>(intensity[p]), maxIndex);
-        if (0.6f * W > L) {
-            weight[p] = darkWeight;
-            continue;
-        }
-        const float a = curveAtCenter[i];
-        const float b = curveAboveCenter[i];
-        const int m = highlightMap[p] & 0xFF;
-        float A, B;
-        if (isLast) {
-            A = ((a - 1.0f) * 2.5f * L) / W + 2.5f + a * (-1.5f);
-            B = ((b - 1.0f) * 2.5f * L) / W + 2.5f + b * (-1.5f);
-        } else {
-            A = (a * 2.5f * L) / W + a * (-1.5f);
-            B = (b * 2.5f * L) / W + b * (-1.5f);
-        }
-        const float v = A * static_cast<float>(255 - m) * W + B * static_cast<float>(m) * W;
-        const uint32_t rounded = static_cast<uint32_t>(roundHalfAwaySaturating(v));
-        weight[p] = static_cast<unsigned short>(rounded >> 8);
+    const bool isLast = frameIndex == frameCount - 1;
+    if (!curvesKeepWeightsInRange(curveAtCenter, curveAboveCenter, whiteLevel)) {
+        fusion_detail::wellExposednessPlain(intensity, weight, begin, end, whiteLevel, isLast, lastIntensity,
+                                            curveAtCenter, curveAboveCenter, highlightMap);
+        return;
     }
+    if (isLast)
+        wellExposednessChunked<true>(intensity, weight, begin, end, whiteLevel, lastIntensity, curveAtCenter,
+                                     curveAboveCenter, highlightMap);
+    else
+        wellExposednessChunked<false>(intensity, weight, begin, end, whiteLevel, lastIntensity, curveAtCenter,
+                                      curveAboveCenter, highlightMap);
 }
 
 void calculateSingleImageWeight(unsigned short* intensity, unsigned short* weight, int exposureCenter, int height,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "imgcore/kep_export.h"
@@ -80,6 +81,13 @@ extern const int binomialKernel5x5[5][5];
 // 0 up to 0.7 of the range, a ramp of |a - b| / 4 up to 0.8, steepened above 100
 // and capped at 255.
 unsigned short highlightValue(int a, int b, int whiteLevel);
+
+// The plain definition of wellExposedness over the pixels [begin, end); the
+// exported function takes a chunked, vectorisable path when the curves keep
+// every value in range and must agree with this one bit for bit.
+void wellExposednessPlain(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
+                          int whiteLevel, bool isLast, const unsigned short* lastIntensity, const float* curveAtCenter,
+                          const float* curveAboveCenter, const unsigned short* highlightMap);
 
 // The plain definition of filteringProcessForWeight_ushort (float accumulation of
 // every product); the exported function takes an exact integer path for the
