@@ -81,8 +81,9 @@ TEST(NightPipeline, AlignsAndMergesALowLightBurst) {
         // Everything outside the valid area holds the pedestal.
         for (int y = 0; y < kHeight; ++y)
             for (int x = 0; x < kWidth; ++x)
-                if (y < z.top || y >= z.bottom || x < z.left || x >= z.right)
+                if (y < z.top || y >= z.bottom || x < z.left || x >= z.right) {
                     ASSERT_EQ(run.output[static_cast<size_t>(y) * kWidth + x], 64) << x << "," << y;
+                }
 
         // Aligned normal frames match the clean reference to within their noise.
         const double referencePsnr = psnrInside(burst.frames[2], burst.clean, z);
