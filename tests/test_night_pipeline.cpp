@@ -118,6 +118,27 @@ TEST(NightPipeline, FallsBackToTheReference) {
     EXPECT_EQ(run.frames, three.frames);
 }
 
+TEST(NightPipeline, FailedFeatureDetectionFallsBackEvenWithoutAMinimum) {
+    // A frame only 12 rows high gives a guide too short for the response histogram,
+    // so detection fails; with no minimum point count the driver must still fall
+    // back instead of aligning against a grid that was never built.
+    const int width = 640, height = 12;
+    std::vector<short> frame(static_cast<size_t>(width) * height);
+    for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<short>(64 + (i * 37) % 300);
+    Burst burst;
+    burst.width = width;
+    burst.height = height;
+    burst.frames.assign(5, frame);  // equally sharp: none is screened out
+    testing::internal::CaptureStdout();
+    const NightRun run = runNight(burst, NightParams{0, 0, 1.0f, 0.0f});
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("DoG histogram error"), std::string::npos);
+    EXPECT_EQ(run.usable, 1);
+    EXPECT_EQ(run.zoom.pointCount, 0);
+    EXPECT_EQ(run.zoom.right, width - 1);
+    EXPECT_EQ(run.zoom.bottom, height - 1);
+    EXPECT_EQ(run.output, frame);
+}
+
 TEST(NightPipeline, AlignOnlyFillsZoomButLeavesTheOutput) {
     const Burst burst = testBurst(6, 23);
     const NightRun run = runNight(burst, NightParams{30, 1, 0.5f, 0.5f}, -5);
