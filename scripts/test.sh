@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 
-scripts/install-deps.sh
+scripts/install-deps.sh libraw-dev libtiff-dev libpng-dev pkg-config
 
 echo "== release build =="
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
