@@ -19,13 +19,17 @@ const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, const std::stri
 
 // Quotes a user's text for a message, cutting absurdly long values.
 std::string quoted(const std::string& text) {
-    std::string shown = text.size() > 60 ? text.substr(0, 57) + "..." : text;
-    for (char& c : shown)
-        if (static_cast<unsigned char>(c) < 0x20) c = '?';
-    return "'" + shown + "'";
+    return "'" + oneLine(text.size() > 60 ? text.substr(0, 57) + "..." : text) + "'";
 }
 
 }  // namespace
+
+std::string oneLine(const std::string& text) {
+    std::string out = text;
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return out;
+}
 
 std::string format(const char* fmt, ...) {
     va_list args;

@@ -60,6 +60,10 @@ const char* patternName(int code);  // "RGGB" ...; "unknown" outside 0..3
 std::vector<int> parseIntList(const std::string& option, const std::string& text, const std::vector<size_t>& counts,
                               long lo, long hi);
 
+// The text with control characters (line breaks in file names...) shown as '?',
+// so that every message stays on one line.
+std::string oneLine(const std::string& text);
+
 // Printf-style formatting into a std::string.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <iostream>
 
 #include "cli.h"
@@ -26,7 +27,7 @@ std::string extensionOf(const std::string& path) {
 
 void printNote(const std::string& command, const std::string& note) {
     std::cout.flush();
-    std::cerr << "kepraw " << command << ": " << note << "\n";
+    std::cerr << "kepraw " << command << ": " << oneLine(note) << "\n";
 }
 
 ReadOptions readOptionsFrom(const ParsedArgs& args) {
@@ -51,6 +52,7 @@ std::vector<RawImage> readFrames(const std::string& command, const std::vector<s
             throw InputError(path + format(": frame is %dx%d but %s is %dx%d; all frames must have one size", f.width,
                                            f.height, first.path.c_str(), first.width, first.height));
         for (const std::string& note : readingNotes(f)) {
+            if (std::find(notes.begin(), notes.end(), note) != notes.end()) continue;  // a file given twice
             printNote(command, note);
             notes.push_back(note);
         }

@@ -229,8 +229,8 @@ int runDemo(const std::vector<std::string>& args) {
                         night.psnrMerged);
     std::cout << format("  time %.3f s\n", night.seconds);
     if (hdrAvailable()) {
-        std::cout << format("hdr path: short / mid / long exposures 1/%g, 2/%g, 1, exposure ratio %g\n",
-                            bracketOptions.ratio, bracketOptions.ratio, bracketOptions.ratio);
+        std::cout << format("hdr path: short / mid / long exposures 1/%g, 1/%g, 1, exposure ratio %g\n",
+                            bracketOptions.ratio, bracketOptions.ratio / 2, bracketOptions.ratio);
         std::cout << format("  clipped samples: long exposure %.2f%%, result %.2f%%\n", clippedPercent(bracket.longFrame),
                             clippedPercent(fused));
         std::cout << format("  time %.3f s\n", hdrSeconds);

@@ -13,7 +13,7 @@ struct DngOptions {
     int black[4] = {64, 64, 64, 64};   // per site: top-left, top-right, bottom-left, bottom-right
     int white = 1023;
     float asShotNeutral[3] = {0, 0, 0};  // written when all three are positive
-    const char* model = "kepraw";
+    const char* model = "synthetic";
     // Fixture knobs for files kepraw must refuse: a CFA repeat pattern other than
     // 2x2 (the 2x2 pattern is tiled over it).
     int cfaRepeatRows = 2;

@@ -82,14 +82,14 @@ int runHdr(const std::vector<std::string>& args) {
         std::cout << kHdrHelp;
         return kExitOk;
     }
-    if (a.has("-o") && a.has("--output")) throw InputError("--output: given together with -o");
-    const std::string outName = a.has("--output") ? "--output" : "-o";
-    if (!a.has(outName)) throw InputError("-o: missing output file (kepraw hdr SHORT MID LONG -o OUT)");
-    const std::string out = a.value(outName);
     const std::vector<std::string>& paths = a.positional;
     if (paths.size() != 3)
         throw InputError(format("%zu frame%s given: the HDR path takes exactly three, SHORT MID LONG", paths.size(),
                                 paths.size() == 1 ? "" : "s"));
+    if (a.has("-o") && a.has("--output")) throw InputError("--output: given together with -o");
+    const std::string outName = a.has("--output") ? "--output" : "-o";
+    if (!a.has(outName)) throw InputError("-o: missing output file (kepraw hdr SHORT MID LONG -o OUT)");
+    const std::string out = a.value(outName);
     HdrParameters p;
     if (a.has("--red-gain")) p.redGain = static_cast<float>(parseNumber("--red-gain", a.value("--red-gain"), 0.0625, 16.0));
     if (a.has("--blue-gain"))

@@ -2,12 +2,38 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+
 #include <iostream>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_UNDEFINED__)
+#define KEPRAW_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(undefined_behavior_sanitizer)
+#define KEPRAW_SANITIZED 1
+#endif
+#endif
+#ifdef KEPRAW_SANITIZED
+#include <sanitizer/common_interface_defs.h>
+#endif
 
 namespace kepraw {
 
+namespace {
+
+// Sanitizer reports keep going to the real standard error while the library's
+// output is captured, so that none can be swallowed.
+void pointSanitizerReportsAt(int fd) {
+#ifdef KEPRAW_SANITIZED
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+#else
+    (void)fd;
+#endif
+}
+
+}  // namespace
+
 LibraryCapture::LibraryCapture() {
-#ifndef KEPRAW_NO_CAPTURE
     std::cout.flush();
     std::cerr.flush();
     std::fflush(stdout);
@@ -20,9 +46,9 @@ LibraryCapture::LibraryCapture() {
         restore();
         return;
     }
+    pointSanitizerReportsAt(savedErr_);
     ::dup2(::fileno(sink_), STDOUT_FILENO);
     ::dup2(::fileno(sink_), STDERR_FILENO);
-#endif
 }
 
 LibraryCapture::~LibraryCapture() {
@@ -41,6 +67,7 @@ void LibraryCapture::restore() {
     }
     if (savedErr_ >= 0) {
         ::dup2(savedErr_, STDERR_FILENO);
+        pointSanitizerReportsAt(STDERR_FILENO);
         ::close(savedErr_);
         savedErr_ = -1;
     }

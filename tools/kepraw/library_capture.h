@@ -6,8 +6,8 @@
 
 // Collects what the library prints while it runs (its log lines on standard
 // error, timing lines on standard output) so that they go into the report
-// instead of between the tool's own lines. Built with KEPRAW_NO_CAPTURE (the
-// sanitizer build) nothing is redirected, so no sanitizer report can be hidden.
+// instead of between the tool's own lines. In sanitizer builds the sanitizers'
+// reports still go to the real standard error.
 namespace kepraw {
 
 class LibraryCapture {

@@ -31,14 +31,14 @@ int main(int argc, char** argv) {
     if (command == "info") run = runInfo;
     if (command == "demo") run = runDemo;
     if (!run) {
-        std::cerr << "kepraw: '" << command << "': unknown command (demo, night, hdr, info; see kepraw --help)\n";
+        std::cerr << "kepraw: '" << oneLine(command) << "': unknown command (demo, night, hdr, info; see kepraw --help)\n";
         return kExitBadInput;
     }
     try {
         return run(std::vector<std::string>(args.begin() + 1, args.end()));
     } catch (const InputError& e) {
         std::cout.flush();
-        std::cerr << "kepraw " << command << ": " << e.what() << "\n";
+        std::cerr << "kepraw " << command << ": " << oneLine(e.what()) << "\n";
         return kExitBadInput;
     } catch (const std::bad_alloc&) {
         std::cout.flush();
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
         return kExitFailure;
     } catch (const std::exception& e) {
         std::cout.flush();
-        std::cerr << "kepraw " << command << ": " << e.what() << "\n";
+        std::cerr << "kepraw " << command << ": " << oneLine(e.what()) << "\n";
         return kExitFailure;
     }
 }

@@ -120,11 +120,11 @@ int runNight(const std::vector<std::string>& args) {
         return kExitOk;
     }
     const std::vector<std::string>& paths = a.positional;
-    std::string outName;
-    const std::string out = outputOption(a, outName);
     if (paths.size() < kMinFrames || paths.size() > kMaxFrames)
         throw InputError(format("%zu frame%s given: the night path takes %d to %d (frame 2 is the reference)",
                                 paths.size(), paths.size() == 1 ? "" : "s", kMinFrames, kMaxFrames));
+    std::string outName;
+    const std::string out = outputOption(a, outName);
     NightParameters p = parseParameters(a);
     const ReadOptions readOptions = readOptionsFrom(a);
     if (a.has("--pattern")) parsePattern("--pattern", a.value("--pattern"));

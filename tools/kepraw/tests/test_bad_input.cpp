@@ -46,6 +46,7 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     kepraw_test::writeBytes(dir.file("keep.raw"), "a result from yesterday");
     kepraw_test::writeBytes(dir.file("plain"), "not a directory");
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0644), 0);
     std::vector<std::string> nineteen = {"night"};
     for (int i = 0; i < 19; ++i) nineteen.push_back("f0.raw");
     nineteen.insert(nineteen.end(), {"--size", "128x96", "-o", "o.raw"});
@@ -54,6 +55,8 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
         // files
         {{"night", "f0.raw", "f1.raw", "missing.raw", "--size", "128x96", "-o", "o.raw"}, "missing.raw: file not found"},
         {{"night", "f0.raw", "f1.raw", "sub", "--size", "128x96", "-o", "o.raw"}, "sub: is a directory"},
+        {{"night", "f0.raw", "f1.raw", "pipe", "--size", "128x96", "-o", "o.raw"}, "pipe: not a regular file"},
+        {{"night", "f0.raw", "f1.raw", "new\nline.raw", "--size", "128x96", "-o", "o.raw"}, "new?line.raw: file not found"},
         {night({"--size", "128x95", "-o", "o.raw"}), "f0.raw: file size 24576 bytes does not match --size 128x95"},
         {night({"-o", "o.raw"}), "f0.raw: headerless raw file (24576 bytes) needs --size"},
         {{"night", "n0.raw", "n1.raw", "n2.raw", "--size", "130x96", "-o", "o.raw"}, "n0.raw: frame size 130x96 cannot be merged"},
@@ -73,6 +76,7 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
         {night({"--size", "128x96", "-o", "o.raw", "--json", "./o.raw"}), "--json: ./o.raw is also the output of -o"},
         {night({"--size", "128x96", "-o", "nodir/o.raw"}), "-o: cannot create nodir/o.raw: No such file or directory"},
         {night({"--size", "128x96", "-o", "sub"}), "-o: sub is a directory"},
+        {night({"--size", "128x96", "-o", "pipe"}), "-o: pipe is not a regular file"},
         {night({"--size", "128x96", "-o", "o.cr2"}), "-o: o.cr2: kepraw cannot write .cr2 files"},
         {night({"--size", "128x96", "-o", "o.png"}), "-o: o.png: the raw result cannot be a .png file"},
         {night({"--size", "128x96"}), "-o: missing output file"},

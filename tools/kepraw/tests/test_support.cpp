@@ -114,7 +114,8 @@ std::vector<short> deepen(const std::vector<short>& samples, int white) {
 
 std::map<std::string, std::string> snapshot(const TempDir& dir) {
     std::map<std::string, std::string> files;
-    for (const std::string& name : dir.list()) files[name] = readBytes(dir.file(name));
+    for (const std::string& name : dir.list())
+        if (std::filesystem::is_regular_file(dir.file(name))) files[name] = readBytes(dir.file(name));
     return files;
 }
 

@@ -49,7 +49,7 @@ void writeDngFile(const std::string& path, const std::vector<short>& samples, in
 // Scales 10-bit samples to a deeper white level (the fixtures' 12-bit data).
 std::vector<short> deepen(const std::vector<short>& samples, int white);
 
-// Contents of every file in a directory, to check that a command changed nothing.
+// Contents of every regular file in a directory, to check that a command changed nothing.
 std::map<std::string, std::string> snapshot(const TempDir& dir);
 
 // A small night burst of the synthetic scene.
