@@ -55,8 +55,10 @@ options:
                           (default 10; deeper data is scaled to 10 bits)
   --pattern P             Bayer pattern rggb, bggr, grbg or gbrg
                           (default: from the files, else rggb)
-  --black R,G,B           black levels of the red, green and blue sites, or one
-                          value for all (default: from the reference file, else 64)
+  --black R,G,B           black levels of the red, green and blue sites in the
+                          files' units (scaled like the samples), or one value for
+                          all (default: from the reference file, else 64 on the
+                          10-bit scale)
   --gain G                brightening about the black level after the merge;
                           below 1 the merge is copied unchanged (default 1.0)
   --gray-gain N           integer gain of the gray guide images (default 1)
@@ -99,8 +101,8 @@ options:
   --pattern P             Bayer pattern rggb, bggr, grbg or gbrg
                           (default: from the files, else rggb)
   --black B0,B1,B2,B3     black levels of the top-left, top-right, bottom-left and
-                          bottom-right sites, or one value for all
-                          (default: from SHORT's file, else 64,64,64,64)
+                          bottom-right sites in the files' units, or one value
+                          for all (default: from SHORT's file, else 64,64,64,64)
   --red-gain G            white-balance gain of the red sites (default 1.0)
   --blue-gain G           white-balance gain of the blue sites (default 1.0)
   --ratio R               exposure ratio (default 4)

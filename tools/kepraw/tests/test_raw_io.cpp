@@ -300,3 +300,35 @@ TEST(MergeAnalysis, TellsMergedFromRejectedFramesAndExplainsFallbacks) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(InfoCommand, TellsWhatIsReadFromDngAndHeaderlessFiles) {
+    TempDir dir;
+    kepraw::DngOptions o;
+    o.pattern = 2;
+    o.white = 4095;
+    const int black[4] = {256, 260, 252, 258};
+    std::copy(black, black + 4, o.black);
+    kepraw_test::writeDngFile(dir.file("a.dng"), randomFrame(64, 48, 300, 3000, 7), 64, 48, o);
+    std::vector<short> raw = randomFrame(640, 480, 70, 900, 8);
+    raw[0] = 64;
+    raw[1] = 900;
+    kepraw_test::writeHeaderless(dir.file("b.raw"), raw);
+
+    const kepraw_test::RunResult guess = kepraw_test::runKepraw({"info", "a.dng", "b.raw"}, dir.path());
+    ASSERT_EQ(guess.status, 0) << guess.err;
+    for (const char* line : {"a.dng: DNG (kepraw synthetic)", "size 64x48, pattern GRBG",
+                             "black levels 256 260 252 258 (top-left, top-right, bottom-left, bottom-right)",
+                             "white level 4095 (12-bit)", "read as 10-bit: v' = round(v * 1023 / 4095); black levels become 64 65 63 64",
+                             "b.raw: headerless 16-bit little-endian raw, 614400 bytes = 307200 samples",
+                             "fits: 640x480, 480x640"})
+        EXPECT_NE(guess.out.find(line), std::string::npos) << line << "\n" << guess.out;
+
+    const kepraw_test::RunResult sized = kepraw_test::runKepraw({"info", "--size", "640x480", "b.raw"}, dir.path());
+    ASSERT_EQ(sized.status, 0) << sized.err;
+    EXPECT_NE(sized.out.find("size 640x480, pattern not recorded"), std::string::npos) << sized.out;
+    EXPECT_NE(sized.out.find("values 64..900"), std::string::npos) << sized.out;
+}
+
+}  // namespace
