@@ -11,8 +11,8 @@ namespace kepraw {
 
 namespace {
 
-const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, const std::string& name) {
-    for (const OptionSpec& s : specs)
+const OptionDef* findOption(const std::vector<OptionDef>& definitions, const std::string& name) {
+    for (const OptionDef& s : definitions)
         if (name == s.name) return &s;
     return nullptr;
 }
@@ -44,7 +44,7 @@ std::string format(const char* fmt, ...) {
     return out;
 }
 
-ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs) {
+ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionDef>& definitions) {
     ParsedArgs parsed;
     bool optionsEnded = false;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -69,10 +69,10 @@ ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<Opt
             value = arg.substr(eq + 1);
             inlineValue = true;
         }
-        const OptionSpec* spec = findSpec(specs, name);
-        if (!spec) throw InputError(quoted(name) + ": unknown option (see --help)");
+        const OptionDef* definition = findOption(definitions, name);
+        if (!definition) throw InputError(quoted(name) + ": unknown option (see --help)");
         if (parsed.has(name)) throw InputError(name + ": option given more than once");
-        if (spec->takesValue) {
+        if (definition->takesValue) {
             if (!inlineValue) {
                 if (i + 1 >= args.size()) throw InputError(name + ": option needs a value");
                 value = args[++i];

@@ -21,7 +21,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
     const char* name;  // "--gain" or "-o"
     bool takesValue;
 };
@@ -38,7 +38,7 @@ struct ParsedArgs {
 // Parses a command's arguments: "--name value", "--name=value", "-o value"; "--"
 // ends the options; "-h"/"--help" sets `help`. Unknown options, missing values
 // and repeated options throw InputError.
-ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs);
+ParsedArgs parseArgs(const std::vector<std::string>& args, const std::vector<OptionDef>& definitions);
 
 // Strict parsers: the whole text must be the value, finite and within [lo, hi].
 double parseNumber(const std::string& option, const std::string& text, double lo, double hi);

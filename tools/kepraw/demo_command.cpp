@@ -25,7 +25,7 @@ constexpr int kBlack = 64;
 constexpr int kMinFeatureCount = 30;
 constexpr double kPi = 3.14159265358979323846;
 
-const std::vector<OptionSpec> kDemoOptions = {{"--out", true}, {"--size", true}};
+const std::vector<OptionDef> kDemoOptions = {{"--out", true}, {"--size", true}};
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kMinSide = 8;
 
-const std::vector<OptionSpec> kHdrOptions = {
+const std::vector<OptionDef> kHdrOptions = {
     {"-o", true},        {"--output", true},   {"--size", true},  {"--bits", true},  {"--pattern", true},
     {"--black", true},   {"--red-gain", true}, {"--blue-gain", true}, {"--ratio", true}, {"--png", true},
     {"--json", true}};

@@ -10,7 +10,7 @@ namespace kepraw {
 
 namespace {
 
-const std::vector<OptionSpec> kInfoOptions = {{"--size", true}, {"--bits", true}};
+const std::vector<OptionDef> kInfoOptions = {{"--size", true}, {"--bits", true}};
 
 // Sizes of common aspect ratios (4:3, 3:2, 16:9, 1:1, either way round) with
 // even sides that hold exactly `samples` samples.

@@ -21,7 +21,7 @@ constexpr int kMaxFrames = 18;
 constexpr int kMinSide = 64;
 constexpr int kReference = 2;
 
-const std::vector<OptionSpec> kNightOptions = {
+const std::vector<OptionDef> kNightOptions = {
     {"-o", true},          {"--output", true},       {"--size", true},         {"--bits", true},
     {"--pattern", true},   {"--black", true},        {"--gain", true},         {"--gray-gain", true},
     {"--min-features", true}, {"--align-tuning", true}, {"--blur-select", true}, {"--sharpness-ratio", true},

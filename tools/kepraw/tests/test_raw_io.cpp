@@ -167,18 +167,18 @@ TEST(RawReader, FormatIsDecidedBeforeAnyDecoderAndBrokenFilesAreRefusedByName) {
 
 TEST(Cli, ParsersTakeWholeValuesAndNameTheOption) {
     using kepraw::parseArgs;
-    const std::vector<kepraw::OptionSpec> specs = {{"-o", true}, {"--gain", true}, {"--flag", false}};
-    const kepraw::ParsedArgs a = parseArgs({"a", "--gain=2", "-o", "x", "--flag", "--", "--b"}, specs);
+    const std::vector<kepraw::OptionDef> definitions = {{"-o", true}, {"--gain", true}, {"--flag", false}};
+    const kepraw::ParsedArgs a = parseArgs({"a", "--gain=2", "-o", "x", "--flag", "--", "--b"}, definitions);
     EXPECT_EQ(a.positional, (std::vector<std::string>{"a", "--b"}));
     EXPECT_EQ(a.value("--gain"), "2");
     EXPECT_EQ(a.value("-o"), "x");
     EXPECT_TRUE(a.has("--flag"));
-    EXPECT_NE(inputError([&] { parseArgs({"--gian", "2"}, specs); }).find("'--gian': unknown option"),
+    EXPECT_NE(inputError([&] { parseArgs({"--gian", "2"}, definitions); }).find("'--gian': unknown option"),
               std::string::npos);
-    EXPECT_NE(inputError([&] { parseArgs({"--gain", "1", "--gain", "2"}, specs); }).find("more than once"),
+    EXPECT_NE(inputError([&] { parseArgs({"--gain", "1", "--gain", "2"}, definitions); }).find("more than once"),
               std::string::npos);
-    EXPECT_NE(inputError([&] { parseArgs({"-o"}, specs); }).find("-o: option needs a value"), std::string::npos);
-    EXPECT_NE(inputError([&] { parseArgs({"--flag=1"}, specs); }).find("takes no value"), std::string::npos);
+    EXPECT_NE(inputError([&] { parseArgs({"-o"}, definitions); }).find("-o: option needs a value"), std::string::npos);
+    EXPECT_NE(inputError([&] { parseArgs({"--flag=1"}, definitions); }).find("takes no value"), std::string::npos);
 
     EXPECT_EQ(kepraw::parseNumber("--gain", "1.5", 0, 64), 1.5);
     for (const char* bad : {"", "abc", "1.5x", " 1", "nan", "inf", "65"})
