@@ -10,10 +10,9 @@ namespace kepraw {
 
 namespace {
 
-const char* const kUnwritableExtensions[] = {"cr2", "cr3", "crw", "nef", "nrw", "arw", "srf", "sr2", "orf",
-                                             "rw2", "raf", "pef", "srw", "3fr", "erf", "kdc", "dcr", "mos",
-                                             "mef", "mrw", "x3f", "iiq", "rwl", "gpr", "tif", "tiff", "jpg",
-                                             "jpeg"};
+const char* const kUnwritableExtensions[] = {"cr2", "cr3", "crw", "nef", "nrw", "arw",  "srf", "sr2", "orf", "rw2",
+                                             "raf", "pef", "srw", "3fr", "erf", "kdc",  "dcr", "mos", "mef", "mrw",
+                                             "x3f", "iiq", "rwl", "gpr", "tif", "tiff", "jpg", "jpeg"};
 
 std::string extensionOf(const std::string& path) {
     const size_t dot = path.find_last_of('.');

@@ -69,13 +69,14 @@ NightDemo runNightDemo(const kep::synth::Burst& burst) {
     {
         LibraryCapture capture;
         qnNocturnPreProcess(pointers.data(), d.merged.data(), static_cast<int>(pointers.size()), &d.usable, w, h, 1,
-                            kMinFeatureCount, 0, &d.zoom, 0, kBlack, kBlack, kBlack, 0.0f, 0.0f, 1.0f, 1.0f, 0.0f, 0.9f);
+                            kMinFeatureCount, 0, &d.zoom, 0, kBlack, kBlack, kBlack, 0.0f, 0.0f, 1.0f, 1.0f, 0.0f,
+                            0.9f);
         d.libraryLines = capture.finish();
     }
     d.seconds = secondsSince(start);
 
-    NightCall call{&burst.frames, &work, d.merged.data(), w, h, d.usable, d.zoom, kMinFeatureCount, 1.0f,
-                   {kBlack, kBlack, kBlack, kBlack}};
+    NightCall call{&burst.frames, &work,  d.merged.data(),  w,    h,
+                   d.usable,      d.zoom, kMinFeatureCount, 1.0f, {kBlack, kBlack, kBlack, kBlack}};
     d.analysis = analyseNightResult(call);
 
     // PSNR over the valid area of the merge (the whole frame when the reference came back).
@@ -178,7 +179,9 @@ int runDemo(const std::vector<std::string>& args) {
     for (size_t i = 0; i < burst.frames.size(); ++i)
         json.beginObject()
             .value("index", static_cast<int>(i))
-            .value("exposure", i == 0 ? 0.125 : i == 1 ? 0.25 : 1.0)
+            .value("exposure", i == 0   ? 0.125
+                               : i == 1 ? 0.25
+                                        : 1.0)
             .value("motionDx", burst.motions[i].dx)
             .value("motionDy", burst.motions[i].dy)
             .value("motionDegrees", burst.motions[i].angle * 180.0 / kPi)
@@ -218,10 +221,14 @@ int runDemo(const std::vector<std::string>& args) {
     std::cout << "  frame  exposure  motion dx, dy (samples), rotation   outcome\n";
     for (size_t i = 0; i < burst.frames.size(); ++i) {
         const kep::synth::Motion& m = burst.motions[i];
-        std::cout << format("  %5zu  %8s  %+6.2f, %+6.2f, %+7.4f deg        %s\n", i, i == 0 ? "1/8" : i == 1 ? "1/4" : "1",
+        std::cout << format("  %5zu  %8s  %+6.2f, %+6.2f, %+7.4f deg        %s\n", i,
+                            i == 0   ? "1/8"
+                            : i == 1 ? "1/4"
+                                     : "1",
                             m.dx, m.dy, m.angle * 180.0 / kPi, outcomeText(night.analysis.outcomes[i]));
     }
-    if (night.analysis.fellBack) std::cout << "  fell back to the reference frame: " << night.analysis.fallbackReason << "\n";
+    if (night.analysis.fellBack)
+        std::cout << "  fell back to the reference frame: " << night.analysis.fallbackReason << "\n";
     std::cout << format("  usable frames %d, feature points %d, valid area top %d left %d right %d bottom %d\n",
                         night.usable, night.zoom.pointCount, night.zoom.top, night.zoom.left, night.zoom.right,
                         night.zoom.bottom);
@@ -231,8 +238,8 @@ int runDemo(const std::vector<std::string>& args) {
     if (hdrAvailable()) {
         std::cout << format("hdr path: short / mid / long exposures 1/%g, 1/%g, 1, exposure ratio %g\n",
                             bracketOptions.ratio, bracketOptions.ratio / 2, bracketOptions.ratio);
-        std::cout << format("  clipped samples: long exposure %.2f%%, result %.2f%%\n", clippedPercent(bracket.longFrame),
-                            clippedPercent(fused));
+        std::cout << format("  clipped samples: long exposure %.2f%%, result %.2f%%\n",
+                            clippedPercent(bracket.longFrame), clippedPercent(fused));
         std::cout << format("  time %.3f s\n", hdrSeconds);
     } else {
         std::cout << "hdr path: not built (this library has no HDR entry)\n";

@@ -46,7 +46,8 @@ void writeDng(const std::string& path, const unsigned short* samples, int width,
     std::vector<uint8_t> cfa(static_cast<size_t>(o.cfaRepeatRows) * o.cfaRepeatCols);
     for (int r = 0; r < o.cfaRepeatRows; ++r)
         for (int c = 0; c < o.cfaRepeatCols; ++c)
-            cfa[static_cast<size_t>(r) * o.cfaRepeatCols + c] = static_cast<uint8_t>(kep::synth::bayerChannel(o.pattern, c, r));
+            cfa[static_cast<size_t>(r) * o.cfaRepeatCols + c] =
+                static_cast<uint8_t>(kep::synth::bayerChannel(o.pattern, c, r));
     TIFFSetField(tif, TIFFTAG_CFAREPEATPATTERNDIM, repeat);
     TIFFSetField(tif, TIFFTAG_CFAPATTERN, static_cast<uint16_t>(cfa.size()), cfa.data());
     const uint8_t planeColor[3] = {0, 1, 2};

@@ -9,8 +9,8 @@
 namespace kepraw {
 
 struct DngOptions {
-    int pattern = 0;                   // Bayer code 0..3
-    int black[4] = {64, 64, 64, 64};   // per site: top-left, top-right, bottom-left, bottom-right
+    int pattern = 0;                  // Bayer code 0..3
+    int black[4] = {64, 64, 64, 64};  // per site: top-left, top-right, bottom-left, bottom-right
     int white = 1023;
     float asShotNeutral[3] = {0, 0, 0};  // written when all three are positive
     const char* model = "synthetic";

@@ -21,10 +21,10 @@ namespace {
 
 constexpr int kMinSide = 8;
 
-const std::vector<OptionDef> kHdrOptions = {
-    {"-o", true},        {"--output", true},   {"--size", true},  {"--bits", true},  {"--pattern", true},
-    {"--black", true},   {"--red-gain", true}, {"--blue-gain", true}, {"--ratio", true}, {"--png", true},
-    {"--json", true}};
+const std::vector<OptionDef> kHdrOptions = {{"-o", true},         {"--output", true},    {"--size", true},
+                                            {"--bits", true},     {"--pattern", true},   {"--black", true},
+                                            {"--red-gain", true}, {"--blue-gain", true}, {"--ratio", true},
+                                            {"--png", true},      {"--json", true}};
 
 struct HdrParameters {
     int pattern = 0;
@@ -62,7 +62,9 @@ void resolveBlack(const ParsedArgs& args, const std::vector<RawImage>& frames, H
 
 }  // namespace
 
-bool hdrAvailable() { return KEPRAW_HAVE_HDR != 0; }
+bool hdrAvailable() {
+    return KEPRAW_HAVE_HDR != 0;
+}
 
 void callHdrProcess(short* frameA, short* frameB, short* frameC, short* output, float redGain, float blueGain,
                     int width, int height, float exposureRatio, int bayerPattern, int* blackLevels) {
@@ -91,7 +93,8 @@ int runHdr(const std::vector<std::string>& args) {
     if (!a.has(outName)) throw InputError("-o: missing output file (kepraw hdr SHORT MID LONG -o OUT)");
     const std::string out = a.value(outName);
     HdrParameters p;
-    if (a.has("--red-gain")) p.redGain = static_cast<float>(parseNumber("--red-gain", a.value("--red-gain"), 0.0625, 16.0));
+    if (a.has("--red-gain"))
+        p.redGain = static_cast<float>(parseNumber("--red-gain", a.value("--red-gain"), 0.0625, 16.0));
     if (a.has("--blue-gain"))
         p.blueGain = static_cast<float>(parseNumber("--blue-gain", a.value("--blue-gain"), 0.0625, 16.0));
     if (a.has("--ratio")) p.ratio = static_cast<float>(parseNumber("--ratio", a.value("--ratio"), 0.0625, 64.0));
@@ -170,7 +173,9 @@ int runHdr(const std::vector<std::string>& args) {
             .endObject();
         json.beginObject("timing").value("hdrSeconds", seconds).endObject();
         json.stringArray("libraryOutput", libraryLines).stringArray("notes", notes);
-        json.beginObject("outputs").value("raw", out).value("rawFormat", isDngPath(out) ? "DNG" : formatName(RawFormat::Headerless));
+        json.beginObject("outputs")
+            .value("raw", out)
+            .value("rawFormat", isDngPath(out) ? "DNG" : formatName(RawFormat::Headerless));
         if (a.has("--png")) json.value("png", a.value("--png"));
         json.value("json", a.value("--json")).endObject().endObject();
         writeTextFile(jsonTemp, json.str());
@@ -183,7 +188,8 @@ int runHdr(const std::vector<std::string>& args) {
     std::cout << format("  frameA (short) %s\n  frameB (mid)   %s\n  frameC (long)  %s\n", frames[0].path.c_str(),
                         frames[1].path.c_str(), frames[2].path.c_str());
     std::cout << format("result range %d..%d\n", *range.first, *range.second);
-    std::cout << format("hdr path %.3f s; wrote %s (%s)", seconds, out.c_str(), isDngPath(out) ? "DNG" : "headerless 16-bit LE");
+    std::cout << format("hdr path %.3f s; wrote %s (%s)", seconds, out.c_str(),
+                        isDngPath(out) ? "DNG" : "headerless 16-bit LE");
     if (a.has("--png")) std::cout << ", " << a.value("--png");
     if (a.has("--json")) std::cout << ", " << a.value("--json");
     std::cout << "\n";

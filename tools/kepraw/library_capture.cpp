@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-
 #include <iostream>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_UNDEFINED__)

@@ -31,7 +31,8 @@ int main(int argc, char** argv) {
     if (command == "info") run = runInfo;
     if (command == "demo") run = runDemo;
     if (!run) {
-        std::cerr << "kepraw: '" << oneLine(command) << "': unknown command (demo, night, hdr, info; see kepraw --help)\n";
+        std::cerr << "kepraw: '" << oneLine(command)
+                  << "': unknown command (demo, night, hdr, info; see kepraw --help)\n";
         return kExitBadInput;
     }
     try {

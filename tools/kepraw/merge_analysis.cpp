@@ -72,26 +72,40 @@ bool identifyMerged(const NightCall& call, std::vector<int>& merged) {
 
 const char* outcomeCode(FrameOutcome outcome) {
     switch (outcome) {
-        case FrameOutcome::Reference: return "reference";
-        case FrameOutcome::Merged: return "merged";
-        case FrameOutcome::AlignedShort: return "aligned-short";
-        case FrameOutcome::RejectedAlignment: return "rejected-alignment";
-        case FrameOutcome::RejectedBlur: return "rejected-blur";
-        case FrameOutcome::NotAligned: return "not-aligned";
-        case FrameOutcome::Aligned: return "aligned";
+        case FrameOutcome::Reference:
+            return "reference";
+        case FrameOutcome::Merged:
+            return "merged";
+        case FrameOutcome::AlignedShort:
+            return "aligned-short";
+        case FrameOutcome::RejectedAlignment:
+            return "rejected-alignment";
+        case FrameOutcome::RejectedBlur:
+            return "rejected-blur";
+        case FrameOutcome::NotAligned:
+            return "not-aligned";
+        case FrameOutcome::Aligned:
+            return "aligned";
     }
     return "?";
 }
 
 const char* outcomeText(FrameOutcome outcome) {
     switch (outcome) {
-        case FrameOutcome::Reference: return "reference";
-        case FrameOutcome::Merged: return "aligned, merged";
-        case FrameOutcome::AlignedShort: return "aligned (short exposure, never merged)";
-        case FrameOutcome::RejectedAlignment: return "rejected: alignment failed";
-        case FrameOutcome::RejectedBlur: return "rejected: not sharp enough";
-        case FrameOutcome::NotAligned: return "not aligned";
-        case FrameOutcome::Aligned: return "aligned";
+        case FrameOutcome::Reference:
+            return "reference";
+        case FrameOutcome::Merged:
+            return "aligned, merged";
+        case FrameOutcome::AlignedShort:
+            return "aligned (short exposure, never merged)";
+        case FrameOutcome::RejectedAlignment:
+            return "rejected: alignment failed";
+        case FrameOutcome::RejectedBlur:
+            return "rejected: not sharp enough";
+        case FrameOutcome::NotAligned:
+            return "not aligned";
+        case FrameOutcome::Aligned:
+            return "aligned";
     }
     return "?";
 }
@@ -102,14 +116,16 @@ NightAnalysis analyseNightResult(const NightCall& call) {
     std::vector<bool> changed(static_cast<size_t>(frames));
     bool anyChanged = false;
     for (int i = 0; i < frames; ++i) {
-        changed[static_cast<size_t>(i)] = (*call.after)[static_cast<size_t>(i)] != (*call.before)[static_cast<size_t>(i)];
+        changed[static_cast<size_t>(i)] =
+            (*call.after)[static_cast<size_t>(i)] != (*call.before)[static_cast<size_t>(i)];
         anyChanged = anyChanged || changed[static_cast<size_t>(i)];
     }
     a.outcomes.assign(static_cast<size_t>(frames), FrameOutcome::NotAligned);
     if (frames > kReference) a.outcomes[kReference] = FrameOutcome::Reference;
 
     const USERZOOM& z = call.zoom;
-    a.fellBack = call.usable <= 1 && z.top == 0 && z.left == 0 && z.right == call.width - 1 && z.bottom == call.height - 1;
+    a.fellBack =
+        call.usable <= 1 && z.top == 0 && z.left == 0 && z.right == call.width - 1 && z.bottom == call.height - 1;
     if (a.fellBack && !anyChanged) {
         const bool fewPoints = z.pointCount < call.minFeatureCount;
         a.fallbackReason = fewPoints ? format("too few feature points on the reference (%d, --min-features %d)",

@@ -25,7 +25,7 @@ const char* outcomeText(FrameOutcome outcome);  // "merged", "rejected: alignmen
 
 struct NightAnalysis {
     std::vector<FrameOutcome> outcomes;
-    bool fellBack = false;      // the reference came back as the result
+    bool fellBack = false;  // the reference came back as the result
     std::string fallbackReason;
     bool mergeIdentified = false;
 };

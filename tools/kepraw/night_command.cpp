@@ -21,11 +21,20 @@ constexpr int kMaxFrames = 18;
 constexpr int kMinSide = 64;
 constexpr int kReference = 2;
 
-const std::vector<OptionDef> kNightOptions = {
-    {"-o", true},          {"--output", true},       {"--size", true},         {"--bits", true},
-    {"--pattern", true},   {"--black", true},        {"--gain", true},         {"--gray-gain", true},
-    {"--min-features", true}, {"--align-tuning", true}, {"--blur-select", true}, {"--sharpness-ratio", true},
-    {"--png", true},       {"--json", true}};
+const std::vector<OptionDef> kNightOptions = {{"-o", true},
+                                              {"--output", true},
+                                              {"--size", true},
+                                              {"--bits", true},
+                                              {"--pattern", true},
+                                              {"--black", true},
+                                              {"--gain", true},
+                                              {"--gray-gain", true},
+                                              {"--min-features", true},
+                                              {"--align-tuning", true},
+                                              {"--blur-select", true},
+                                              {"--sharpness-ratio", true},
+                                              {"--png", true},
+                                              {"--json", true}};
 
 struct NightParameters {
     int pattern = 0;
@@ -231,7 +240,9 @@ int runNight(const std::vector<std::string>& args) {
             .endObject();
         json.beginObject("timing").value("nightSeconds", seconds).endObject();
         json.stringArray("libraryOutput", libraryLines).stringArray("notes", notes);
-        json.beginObject("outputs").value("raw", out).value("rawFormat", isDngPath(out) ? "DNG" : formatName(RawFormat::Headerless));
+        json.beginObject("outputs")
+            .value("raw", out)
+            .value("rawFormat", isDngPath(out) ? "DNG" : formatName(RawFormat::Headerless));
         if (a.has("--png")) json.value("png", a.value("--png"));
         json.value("json", a.value("--json")).endObject().endObject();
         writeTextFile(jsonTemp, json.str());

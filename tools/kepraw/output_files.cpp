@@ -81,7 +81,8 @@ void writeBytes(const std::string& path, const void* data, size_t size) {
     const bool wrote = std::fwrite(data, 1, size, f) == size;
     const int savedErrno = errno;
     const bool closed = std::fclose(f) == 0;
-    if (!wrote || !closed) throw std::runtime_error("cannot write " + path + ": " + std::strerror(wrote ? errno : savedErrno));
+    if (!wrote || !closed)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(wrote ? errno : savedErrno));
 }
 
 }  // namespace
@@ -90,7 +91,8 @@ OutputFiles::OutputFiles(const std::vector<std::string>& inputs) {
     for (const std::string& in : inputs) {
         struct stat st;
         if (::stat(in.c_str(), &st) == 0)
-            inputs_.push_back({in, static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino)});
+            inputs_.push_back(
+                {in, static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino)});
     }
 }
 
@@ -109,7 +111,8 @@ std::string OutputFiles::claim(const std::string& path, const std::string& optio
     if (::stat(path.c_str(), &st) == 0) {
         if (S_ISDIR(st.st_mode)) throw InputError(option + ": " + path + " is a directory");
         for (const Identity& in : inputs_)
-            if (in.device == static_cast<unsigned long long>(st.st_dev) && in.inode == static_cast<unsigned long long>(st.st_ino))
+            if (in.device == static_cast<unsigned long long>(st.st_dev) &&
+                in.inode == static_cast<unsigned long long>(st.st_ino))
                 throw InputError(option + ": " + path + " is the input file " + in.path +
                                  "; kepraw never overwrites its inputs, choose another output name");
         if (!S_ISREG(st.st_mode)) throw InputError(option + ": " + path + " is not a regular file");
@@ -150,7 +153,9 @@ void writeHeaderlessRaw(const std::string& path, const short* samples, size_t co
     writeBytes(path, bytes.data(), bytes.size());
 }
 
-void writeTextFile(const std::string& path, const std::string& text) { writeBytes(path, text.data(), text.size()); }
+void writeTextFile(const std::string& path, const std::string& text) {
+    writeBytes(path, text.data(), text.size());
+}
 
 bool isDngPath(const std::string& path) {
     const size_t dot = path.find_last_of('.');

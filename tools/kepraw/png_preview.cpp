@@ -43,7 +43,8 @@ void grayWorld(const std::vector<float>& lin, int width, int height, int pattern
             sum[c] += lin[static_cast<size_t>(y) * width + x];
             ++count[c];
         }
-    const double mean[3] = {sum[0] / std::max(1L, count[0]), sum[1] / std::max(1L, count[1]), sum[2] / std::max(1L, count[2])};
+    const double mean[3] = {sum[0] / std::max(1L, count[0]), sum[1] / std::max(1L, count[1]),
+                            sum[2] / std::max(1L, count[2])};
     auto gain = [&](double m) { return m > 0 ? static_cast<float>(std::min(4.0, std::max(0.25, mean[1] / m))) : 1.0f; };
     red = gain(mean[0]);
     blue = gain(mean[2]);
@@ -67,7 +68,8 @@ Preview renderPreview(const short* raw, int width, int height, const PreviewOpti
         greens.reserve(lin.size() / 2);
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x)
-                if (kep::synth::bayerChannel(o.pattern, x, y) == 1) greens.push_back(lin[static_cast<size_t>(y) * width + x]);
+                if (kep::synth::bayerChannel(o.pattern, x, y) == 1)
+                    greens.push_back(lin[static_cast<size_t>(y) * width + x]);
         float level = 0.0f;
         if (!greens.empty()) {
             const size_t k = std::min(greens.size() - 1, greens.size() * 995 / 1000);

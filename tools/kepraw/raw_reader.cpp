@@ -85,7 +85,8 @@ void applyLevels(RawImage& image, const std::vector<unsigned short>& stored) {
     image.fileMin = n ? lo : 0;
     image.fileMax = n ? hi : 0;
     image.clampedCount = clamped;
-    for (int s = 0; s < 4; ++s) image.black[s] = image.scaled ? scaleTo10Bits(image.fileBlack[s], white) : image.fileBlack[s];
+    for (int s = 0; s < 4; ++s)
+        image.black[s] = image.scaled ? scaleTo10Bits(image.fileBlack[s], white) : image.fileBlack[s];
 }
 
 int bitsFor(int white) {
@@ -136,8 +137,9 @@ void checkTiffCfaDirectories(const std::string& path, long long fileSize) {
         if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric) || photometric != kPhotometricCfa) return;
         uint16_t* dim = nullptr;
         if (TIFFGetField(t, TIFFTAG_CFAREPEATPATTERNDIM, &dim) && dim && (dim[0] != 2 || dim[1] != 2))
-            throw InputError(path + format(": CFA pattern repeats every %ux%u sites; only 2x2 Bayer mosaics can be read",
-                                           dim[0], dim[1]));
+            throw InputError(
+                path +
+                format(": CFA pattern repeats every %ux%u sites; only 2x2 Bayer mosaics can be read", dim[0], dim[1]));
         const bool tiled = TIFFIsTiled(t) != 0;
         const uint32_t count = tiled ? TIFFNumberOfTiles(t) : TIFFNumberOfStrips(t);
         uint64_t* offsets = nullptr;
@@ -225,7 +227,8 @@ RawImage readWithLibRaw(const std::string& path, long long fileSize, RawFormat g
     std::vector<unsigned short> stored(static_cast<size_t>(width) * height);
     const size_t pitch = d.sizes.raw_pitch / 2;
     for (int y = 0; y < height; ++y) {
-        const unsigned short* row = d.rawdata.raw_image + (static_cast<size_t>(y) + d.sizes.top_margin) * pitch + d.sizes.left_margin;
+        const unsigned short* row =
+            d.rawdata.raw_image + (static_cast<size_t>(y) + d.sizes.top_margin) * pitch + d.sizes.left_margin;
         std::copy(row, row + width, stored.begin() + static_cast<size_t>(y) * width);
     }
     int white = static_cast<int>(std::min(d.color.maximum, 65535u));
@@ -234,8 +237,8 @@ RawImage readWithLibRaw(const std::string& path, long long fileSize, RawFormat g
     image.fileBits = bitsFor(image.fileWhite);
     for (int s = 0; s < 4; ++s)
         if (image.fileBlack[s] >= image.fileWhite)
-            throw InputError(path + format(": black level %d is not below the white level %d", image.fileBlack[s],
-                                           image.fileWhite));
+            throw InputError(
+                path + format(": black level %d is not below the white level %d", image.fileBlack[s], image.fileWhite));
 
     if (d.color.cam_mul[0] > 0.0f && d.color.cam_mul[1] > 0.0f && d.color.cam_mul[2] > 0.0f) {
         image.asShotRedGain = d.color.cam_mul[0] / d.color.cam_mul[1];
@@ -249,9 +252,12 @@ RawImage readWithLibRaw(const std::string& path, long long fileSize, RawFormat g
 
 const char* formatName(RawFormat format) {
     switch (format) {
-        case RawFormat::Headerless: return "headerless 16-bit little-endian raw";
-        case RawFormat::Dng: return "DNG";
-        case RawFormat::CameraRaw: return "camera raw";
+        case RawFormat::Headerless:
+            return "headerless 16-bit little-endian raw";
+        case RawFormat::Dng:
+            return "DNG";
+        case RawFormat::CameraRaw:
+            return "camera raw";
     }
     return "?";
 }
@@ -290,8 +296,8 @@ RawImage readRawFile(const std::string& path, const ReadOptions& options) {
     }
     if (fileSize == 0) throw InputError(path + ": file is empty");
     const RawFormat kind = detectFormat(path, head, headSize);
-    RawImage image = kind == RawFormat::Headerless ? readHeaderless(path, fileSize, options)
-                                                   : readWithLibRaw(path, fileSize, kind);
+    RawImage image =
+        kind == RawFormat::Headerless ? readHeaderless(path, fileSize, options) : readWithLibRaw(path, fileSize, kind);
     if (kind != RawFormat::Headerless && options.width > 0 &&
         (options.width != image.width || options.height != image.height))
         throw InputError(path + format(": frame is %dx%d, not --size %dx%d", image.width, image.height, options.width,
@@ -302,8 +308,9 @@ RawImage readRawFile(const std::string& path, const ReadOptions& options) {
 std::vector<std::string> readingNotes(const RawImage& image) {
     std::vector<std::string> notes;
     if (image.scaled)
-        notes.push_back(image.path + format(": %d-bit data (white level %d) scaled to 10 bits: v' = round(v * 1023 / %d)",
-                                            image.fileBits, image.fileWhite, image.fileWhite));
+        notes.push_back(image.path +
+                        format(": %d-bit data (white level %d) scaled to 10 bits: v' = round(v * 1023 / %d)",
+                               image.fileBits, image.fileWhite, image.fileWhite));
     if (image.clampedCount > 0)
         notes.push_back(image.path + format(": warning: %ld samples above the %s (%d) clamped to 1023",
                                             image.clampedCount, image.scaled ? "white level" : "10-bit range",

@@ -14,9 +14,9 @@ enum class RawFormat { Headerless, Dng, CameraRaw };
 const char* formatName(RawFormat format);
 
 struct ReadOptions {
-    int width = 0;   // --size, required for headerless files, checked for the others when given
+    int width = 0;  // --size, required for headerless files, checked for the others when given
     int height = 0;
-    int bits = 10;   // --bits: sample depth of headerless files (10..16)
+    int bits = 10;  // --bits: sample depth of headerless files (10..16)
 };
 
 struct RawImage {
@@ -36,8 +36,8 @@ struct RawImage {
     int fileMin = 0;              // smallest and largest stored sample (file units)
     int fileMax = 0;
 
-    bool scaled = false;   // samples were scaled from fileWhite to 1023
-    long clampedCount = 0; // samples above the white level, clamped to 1023
+    bool scaled = false;    // samples were scaled from fileWhite to 1023
+    long clampedCount = 0;  // samples above the white level, clamped to 1023
 
     // White balance the file records (as-shot neutral): red and blue gains
     // relative to green; 0 when the file has none.

@@ -31,9 +31,9 @@ std::vector<std::string> night(std::vector<std::string> extra) {
 
 TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
     TempDir dir;
-    writeFrames(dir, "f", 3, 128, 96);     // good frames
-    writeFrames(dir, "n", 3, 130, 96);     // not multiples of 4
-    writeFrames(dir, "odd", 3, 129, 96);   // odd width
+    writeFrames(dir, "f", 3, 128, 96);    // good frames
+    writeFrames(dir, "n", 3, 130, 96);    // not multiples of 4
+    writeFrames(dir, "odd", 3, 129, 96);  // odd width
     kepraw::DngOptions o;
     kepraw_test::writeDngFile(dir.file("tall.dng"), std::vector<short>(128 * 100, 80), 128, 100, o);
     kepraw_test::writeDngFile(dir.file("good.dng"), std::vector<short>(128 * 96, 80), 128, 96, o);
@@ -53,18 +53,24 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
 
     const std::vector<Case> cases = {
         // files
-        {{"night", "f0.raw", "f1.raw", "missing.raw", "--size", "128x96", "-o", "o.raw"}, "missing.raw: file not found"},
+        {{"night", "f0.raw", "f1.raw", "missing.raw", "--size", "128x96", "-o", "o.raw"},
+         "missing.raw: file not found"},
         {{"night", "f0.raw", "f1.raw", "sub", "--size", "128x96", "-o", "o.raw"}, "sub: is a directory"},
         {{"night", "f0.raw", "f1.raw", "pipe", "--size", "128x96", "-o", "o.raw"}, "pipe: not a regular file"},
-        {{"night", "f0.raw", "f1.raw", "new\nline.raw", "--size", "128x96", "-o", "o.raw"}, "new?line.raw: file not found"},
+        {{"night", "f0.raw", "f1.raw", "new\nline.raw", "--size", "128x96", "-o", "o.raw"},
+         "new?line.raw: file not found"},
         {night({"--size", "128x95", "-o", "o.raw"}), "f0.raw: file size 24576 bytes does not match --size 128x95"},
         {night({"-o", "o.raw"}), "f0.raw: headerless raw file (24576 bytes) needs --size"},
-        {{"night", "n0.raw", "n1.raw", "n2.raw", "--size", "130x96", "-o", "o.raw"}, "n0.raw: frame size 130x96 cannot be merged"},
-        {{"night", "odd0.raw", "odd1.raw", "odd2.raw", "--size", "129x96", "-o", "o.raw"}, "odd0.raw: frame size 129x96"},
-        {{"night", "f0.raw", "f1.raw", "--size", "128x96", "-o", "o.raw"}, "2 frames given: the night path takes 3 to 18"},
+        {{"night", "n0.raw", "n1.raw", "n2.raw", "--size", "130x96", "-o", "o.raw"},
+         "n0.raw: frame size 130x96 cannot be merged"},
+        {{"night", "odd0.raw", "odd1.raw", "odd2.raw", "--size", "129x96", "-o", "o.raw"},
+         "odd0.raw: frame size 129x96"},
+        {{"night", "f0.raw", "f1.raw", "--size", "128x96", "-o", "o.raw"},
+         "2 frames given: the night path takes 3 to 18"},
         {nineteen, "19 frames given"},
         {night({"tall.dng", "--size", "128x96", "-o", "o.raw"}), "tall.dng: frame is 128x100, not --size 128x96"},
-        {{"night", "good.dng", "good.dng", "tall.dng", "-o", "o.raw"}, "tall.dng: frame is 128x100 but good.dng is 128x96"},
+        {{"night", "good.dng", "good.dng", "tall.dng", "-o", "o.raw"},
+         "tall.dng: frame is 128x100 but good.dng is 128x96"},
         {night({"cut.dng", "--size", "128x96", "-o", "o.raw"}), "cut.dng: file is truncated"},
         {night({"junk.dng", "--size", "128x96", "-o", "o.raw"}), "junk.dng: cannot decode as DNG/camera raw"},
         {night({"cfa4.dng", "--size", "128x96", "-o", "o.raw"}), "cfa4.dng: CFA pattern repeats every 4x4 sites"},
@@ -80,7 +86,8 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
         {night({"--size", "128x96", "-o", "o.cr2"}), "-o: o.cr2: kepraw cannot write .cr2 files"},
         {night({"--size", "128x96", "-o", "o.png"}), "-o: o.png: the raw result cannot be a .png file"},
         {night({"--size", "128x96"}), "-o: missing output file"},
-        {{"night", "f0.raw", "f1.raw", "missing.raw", "--size", "128x96", "-o", "keep.raw"}, "missing.raw: file not found"},
+        {{"night", "f0.raw", "f1.raw", "missing.raw", "--size", "128x96", "-o", "keep.raw"},
+         "missing.raw: file not found"},
         // options
         {night({"--size", "128x96", "-o", "o.raw", "--fast"}), "'--fast': unknown option"},
         {night({"--size", "128x96", "-o", "o.raw", "--gain"}), "--gain: option needs a value"},
@@ -89,16 +96,23 @@ TEST(BadInput, EveryCaseIsOneLineExitTwoAndLeavesNothingBehind) {
         {night({"--size", "128", "-o", "o.raw"}), "--size: '128' is not a size"},
         {night({"--size", "128x96", "-o", "o.raw", "--pattern", "rgbg"}), "--pattern: 'rgbg' is not a Bayer pattern"},
         {night({"--size", "128x96", "-o", "o.raw", "--black", "1,2"}), "--black: '1,2' has 2 values (expected 1 or 3)"},
-        {night({"--size", "128x96", "-o", "o.raw", "--black", "1023"}), "black level 1023 is not below the white level"},
+        {night({"--size", "128x96", "-o", "o.raw", "--black", "1023"}),
+         "black level 1023 is not below the white level"},
         {night({"--size", "128x96", "-o", "o.raw", "--min-features", "-1"}), "--min-features: '-1' is out of range"},
-        {night({"--size", "128x96", "-o", "o.raw", "--sharpness-ratio", "2"}), "--sharpness-ratio: '2' is out of range"},
+        {night({"--size", "128x96", "-o", "o.raw", "--sharpness-ratio", "2"}),
+         "--sharpness-ratio: '2' is out of range"},
         {night({"--size", "128x96", "-o", "o.raw", "--bits", "8"}), "--bits: '8' is out of range (10 to 16)"},
-        {night({"--size", "128x96", "-o", "o.raw", "--gain", "1", "--gain", "2"}), "--gain: option given more than once"},
+        {night({"--size", "128x96", "-o", "o.raw", "--gain", "1", "--gain", "2"}),
+         "--gain: option given more than once"},
         // hdr, info, demo, no command
-        {{"hdr", "f0.raw", "f1.raw", "--size", "128x96", "-o", "o.raw"}, "2 frames given: the HDR path takes exactly three"},
-        {{"hdr", "odd0.raw", "odd1.raw", "odd2.raw", "--size", "129x96", "-o", "o.raw"}, "odd0.raw: frame size 129x96 cannot be fused"},
-        {{"hdr", "f0.raw", "f1.raw", "f2.raw", "--size", "128x96", "-o", "o.raw", "--ratio", "0"}, "--ratio: '0' is out of range"},
-        {{"hdr", "f0.raw", "f1.raw", "f2.raw", "--size", "128x96", "-o", "o.raw", "--black", "1,2,3"}, "(expected 1 or 4)"},
+        {{"hdr", "f0.raw", "f1.raw", "--size", "128x96", "-o", "o.raw"},
+         "2 frames given: the HDR path takes exactly three"},
+        {{"hdr", "odd0.raw", "odd1.raw", "odd2.raw", "--size", "129x96", "-o", "o.raw"},
+         "odd0.raw: frame size 129x96 cannot be fused"},
+        {{"hdr", "f0.raw", "f1.raw", "f2.raw", "--size", "128x96", "-o", "o.raw", "--ratio", "0"},
+         "--ratio: '0' is out of range"},
+        {{"hdr", "f0.raw", "f1.raw", "f2.raw", "--size", "128x96", "-o", "o.raw", "--black", "1,2,3"},
+         "(expected 1 or 4)"},
         {{"hdr", "f0.raw", "f1.raw", "f2.raw", "--size", "128x96", "-o", "f2.raw"}, "-o: f2.raw is the input file"},
         {{"info", "missing.raw"}, "missing.raw: file not found"},
         {{"info"}, "no file given"},

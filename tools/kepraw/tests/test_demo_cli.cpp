@@ -15,12 +15,14 @@ namespace {
 
 using kepraw_test::TempDir;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 std::vector<std::string> expectedFiles() {
     std::vector<std::string> names = {"merged.png", "merged.raw", "reference.png", "reference.raw", "report.json"};
-    if (kepraw::hdrAvailable()) names = {"hdr.png", "hdr.raw", "merged.png", "merged.raw", "reference.png",
-                                         "reference.raw", "report.json"};
+    if (kepraw::hdrAvailable())
+        names = {"hdr.png", "hdr.raw", "merged.png", "merged.raw", "reference.png", "reference.raw", "report.json"};
     return names;
 }
 
@@ -73,8 +75,8 @@ TEST(DemoCommand, SmallDemoResultsAreTheSceneAndTheLibrarysOwnOutputs) {
     qnNocturnPreProcess(pointers.data(), merged.data(), 8, &usable, 256, 192, 1, 30, 0, &zoom, 0, 64, 64, 64, 0.0f,
                         0.0f, 1.0f, 1.0f, 0.0f, 0.9f);
     EXPECT_EQ(kepraw_test::readHeaderless(out + "/merged.raw"), merged);
-    EXPECT_TRUE(contains(r.out, "usable frames " + std::to_string(usable) + ", feature points " +
-                                    std::to_string(zoom.pointCount)));
+    EXPECT_TRUE(contains(
+        r.out, "usable frames " + std::to_string(usable) + ", feature points " + std::to_string(zoom.pointCount)));
 
     if (kepraw::hdrAvailable()) {
         const kep::synth::HdrBracket b = kep::synth::makeHdrBracket(scene, kep::synth::HdrBracketOptions{});

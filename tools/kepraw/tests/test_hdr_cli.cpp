@@ -15,7 +15,8 @@ std::vector<short> callHdr(const kep::synth::HdrBracket& b, float red, float blu
                            const int black[4]) {
     std::vector<short> a = b.shortFrame, m = b.midFrame, l = b.longFrame, out(a.size());
     int levels[4] = {black[0], black[1], black[2], black[3]};
-    kepraw::callHdrProcess(a.data(), m.data(), l.data(), out.data(), red, blue, b.width, b.height, ratio, pattern, levels);
+    kepraw::callHdrProcess(a.data(), m.data(), l.data(), out.data(), red, blue, b.width, b.height, ratio, pattern,
+                           levels);
     return out;
 }
 
@@ -40,10 +41,10 @@ TEST(HdrCommand, HeaderlessAndDngBracketsGiveTheLibrarysResult) {
     kepraw_test::writeDngFile(in.file("long.dng"), b.longFrame, w, h, o);
     const auto inputs = kepraw_test::snapshot(in);
 
-    const kepraw_test::RunResult raw = kepraw_test::runKepraw(
-        {"hdr", in.file("short.raw"), in.file("mid.raw"), in.file("long.raw"), "--size", "640x480", "-o",
-         out.file("hdr.raw"), "--red-gain", "1.5", "--blue-gain", "1.25", "--ratio", "6", "--png", out.file("hdr.png"),
-         "--json", out.file("hdr.json")});
+    const kepraw_test::RunResult raw =
+        kepraw_test::runKepraw({"hdr", in.file("short.raw"), in.file("mid.raw"), in.file("long.raw"), "--size",
+                                "640x480", "-o", out.file("hdr.raw"), "--red-gain", "1.5", "--blue-gain", "1.25",
+                                "--ratio", "6", "--png", out.file("hdr.png"), "--json", out.file("hdr.json")});
     if (!kepraw::hdrAvailable()) {
         EXPECT_EQ(raw.status, 1);
         EXPECT_NE(raw.err.find("HDR path not built"), std::string::npos) << raw.err;

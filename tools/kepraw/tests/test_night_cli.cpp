@@ -34,7 +34,9 @@ Direct callNight(std::vector<std::vector<short>> frames, int w, int h, const Nig
     return d;
 }
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 TEST(NightCommand, HeaderlessBurstGivesTheLibrarysResultPreviewAndReport) {
     const int w = 640, h = 480;
@@ -89,9 +91,9 @@ TEST(NightCommand, TwelveBitDngBurstMapsEveryOptionAndWritesDng) {
         args.push_back(path);
     }
     const auto inputs = kepraw_test::snapshot(in);
-    args.insert(args.end(), {"-o", out.file("m.dng"), "--gain", "2", "--gray-gain", "2", "--min-features", "0",
-                             "--align-tuning", "1.5", "--blur-select", "600", "--sharpness-ratio", "0.5", "--json",
-                             out.file("m.json")});
+    args.insert(args.end(),
+                {"-o", out.file("m.dng"), "--gain", "2", "--gray-gain", "2", "--min-features", "0", "--align-tuning",
+                 "1.5", "--blur-select", "600", "--sharpness-ratio", "0.5", "--json", out.file("m.json")});
     const kepraw_test::RunResult r = kepraw_test::runKepraw(args);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(contains(r.err, "12-bit data (white level 4095) scaled to 10 bits")) << r.err;
@@ -99,7 +101,8 @@ TEST(NightCommand, TwelveBitDngBurstMapsEveryOptionAndWritesDng) {
     NightParams p;
     p.grayGain = 2, p.minFeatures = 0, p.pattern = 2, p.gain = 2.0f, p.alignTuning = 1.5f, p.blurSelect = 600.0f;
     p.sharpnessRatio = 0.5f;
-    p.black[0] = (260 * 1023 + 2047) / 4095, p.black[1] = (256 * 1023 + 2047) / 4095, p.black[2] = (252 * 1023 + 2047) / 4095;
+    p.black[0] = (260 * 1023 + 2047) / 4095, p.black[1] = (256 * 1023 + 2047) / 4095,
+    p.black[2] = (252 * 1023 + 2047) / 4095;
     const Direct direct = callNight(tenBit, w, h, p);
     const kepraw::RawImage written = kepraw::readRawFile(out.file("m.dng"), {});
     EXPECT_EQ(written.pattern, 2);
@@ -125,11 +128,12 @@ TEST(NightCommand, OptionsOverrideTheFilesAndOutputsReplaceOnlyWhatWasAsked) {
     const kep::synth::Burst burst = kepraw_test::smallBurst(w, h, 3, 3);
     TempDir dir;
     kepraw::DngOptions o;  // RGGB, black 64
-    for (size_t i = 0; i < 3; ++i) kepraw_test::writeDngFile(dir.file("f" + std::to_string(i) + ".dng"), burst.frames[i], w, h, o);
+    for (size_t i = 0; i < 3; ++i)
+        kepraw_test::writeDngFile(dir.file("f" + std::to_string(i) + ".dng"), burst.frames[i], w, h, o);
     kepraw_test::writeBytes(dir.file("out.raw"), "an older result");
-    const kepraw_test::RunResult r = kepraw_test::runKepraw(
-        {"night", "f0.dng", "f1.dng", "f2.dng", "--pattern", "bggr", "--black", "60,62,58", "--gain", "0.5", "-o", "out.raw"},
-        dir.path());
+    const kepraw_test::RunResult r = kepraw_test::runKepraw({"night", "f0.dng", "f1.dng", "f2.dng", "--pattern", "bggr",
+                                                             "--black", "60,62,58", "--gain", "0.5", "-o", "out.raw"},
+                                                            dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(contains(r.err, "--pattern BGGR overrides the files' RGGB")) << r.err;
     NightParams p;

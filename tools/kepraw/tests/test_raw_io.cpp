@@ -68,10 +68,10 @@ TEST(RawReader, DngRoundTripThroughLibRawKeepsEverySampleAndSiteLevel) {
 TEST(RawReader, DeeperDataIsScaledToTenBitsAndOutOfRangeValuesAreCountedNotHidden) {
     EXPECT_EQ(kepraw::scaleTo10Bits(0, 4095), 0);
     EXPECT_EQ(kepraw::scaleTo10Bits(4095, 4095), 1023);
-    EXPECT_EQ(kepraw::scaleTo10Bits(256, 4095), 64);     // 63.95
-    EXPECT_EQ(kepraw::scaleTo10Bits(2, 4095), 0);        // 0.4996 rounds down
-    EXPECT_EQ(kepraw::scaleTo10Bits(3, 4095), 1);        // 0.749 rounds up
-    EXPECT_EQ(kepraw::scaleTo10Bits(700, 1023), 700);    // 10-bit data is left alone
+    EXPECT_EQ(kepraw::scaleTo10Bits(256, 4095), 64);   // 63.95
+    EXPECT_EQ(kepraw::scaleTo10Bits(2, 4095), 0);      // 0.4996 rounds down
+    EXPECT_EQ(kepraw::scaleTo10Bits(3, 4095), 1);      // 0.749 rounds up
+    EXPECT_EQ(kepraw::scaleTo10Bits(700, 1023), 700);  // 10-bit data is left alone
 
     TempDir dir;
     const int w = 64, h = 48;  // LibRaw takes nothing below 22 samples a side
@@ -173,9 +173,13 @@ TEST(Cli, ParsersTakeWholeValuesAndNameTheOption) {
     EXPECT_EQ(a.value("--gain"), "2");
     EXPECT_EQ(a.value("-o"), "x");
     EXPECT_TRUE(a.has("--flag"));
-    EXPECT_NE(inputError([&] { parseArgs({"--gian", "2"}, definitions); }).find("'--gian': unknown option"),
+    EXPECT_NE(inputError([&] {
+                  parseArgs({"--gian", "2"}, definitions);
+              }).find("'--gian': unknown option"),
               std::string::npos);
-    EXPECT_NE(inputError([&] { parseArgs({"--gain", "1", "--gain", "2"}, definitions); }).find("more than once"),
+    EXPECT_NE(inputError([&] {
+                  parseArgs({"--gain", "1", "--gain", "2"}, definitions);
+              }).find("more than once"),
               std::string::npos);
     EXPECT_NE(inputError([&] { parseArgs({"-o"}, definitions); }).find("-o: option needs a value"), std::string::npos);
     EXPECT_NE(inputError([&] { parseArgs({"--flag=1"}, definitions); }).find("takes no value"), std::string::npos);
@@ -193,9 +197,13 @@ TEST(Cli, ParsersTakeWholeValuesAndNameTheOption) {
     EXPECT_NE(inputError([&] { kepraw::parsePattern("--pattern", "rgbg"); }).find("not a Bayer pattern"),
               std::string::npos);
     EXPECT_EQ(kepraw::parseIntList("--black", "1,2,3", {1, 3}, 0, 10), (std::vector<int>{1, 2, 3}));
-    EXPECT_NE(inputError([&] { kepraw::parseIntList("--black", "1,2", {1, 3}, 0, 10); }).find("expected 1 or 3"),
+    EXPECT_NE(inputError([&] {
+                  kepraw::parseIntList("--black", "1,2", {1, 3}, 0, 10);
+              }).find("expected 1 or 3"),
               std::string::npos);
-    EXPECT_NE(inputError([&] { kepraw::parseIntList("--black", "1,,3", {1, 3}, 0, 10); }).find("not an integer"),
+    EXPECT_NE(inputError([&] {
+                  kepraw::parseIntList("--black", "1,,3", {1, 3}, 0, 10);
+              }).find("not an integer"),
               std::string::npos);
 }
 
@@ -244,7 +252,7 @@ struct FakeNight {
             const int k = static_cast<int>(merged.size()) + 1;
             const int mean = (sum + k - 1) / k;
             output[p] = static_cast<short>(gain >= 1.0f ? static_cast<int>(static_cast<float>(mean - 64) * gain + 64.0f)
-                                                       : mean);
+                                                        : mean);
         }
     }
     kepraw::NightAnalysis analyse(int usable, float gain) const {
@@ -264,10 +272,10 @@ TEST(MergeAnalysis, TellsMergedFromRejectedFramesAndExplainsFallbacks) {
         const kepraw::NightAnalysis a = n.analyse(3, 1.5f);
         EXPECT_FALSE(a.fellBack);
         EXPECT_TRUE(a.mergeIdentified);
-        const std::vector<FrameOutcome> expected = {
-            FrameOutcome::AlignedShort, FrameOutcome::AlignedShort,      FrameOutcome::Reference,
-            FrameOutcome::Merged,       FrameOutcome::RejectedAlignment, FrameOutcome::Merged,
-            FrameOutcome::RejectedAlignment, FrameOutcome::RejectedBlur};
+        const std::vector<FrameOutcome> expected = {FrameOutcome::AlignedShort,      FrameOutcome::AlignedShort,
+                                                    FrameOutcome::Reference,         FrameOutcome::Merged,
+                                                    FrameOutcome::RejectedAlignment, FrameOutcome::Merged,
+                                                    FrameOutcome::RejectedAlignment, FrameOutcome::RejectedBlur};
         EXPECT_EQ(a.outcomes, expected);
         // The same output claimed to come from a different count is not identified.
         EXPECT_FALSE(n.analyse(4, 1.5f).mergeIdentified);
@@ -318,11 +326,11 @@ TEST(InfoCommand, TellsWhatIsReadFromDngAndHeaderlessFiles) {
 
     const kepraw_test::RunResult guess = kepraw_test::runKepraw({"info", "a.dng", "b.raw"}, dir.path());
     ASSERT_EQ(guess.status, 0) << guess.err;
-    for (const char* line : {"a.dng: DNG (kepraw synthetic)", "size 64x48, pattern GRBG",
-                             "black levels 256 260 252 258 (top-left, top-right, bottom-left, bottom-right)",
-                             "white level 4095 (12-bit)", "read as 10-bit: v' = round(v * 1023 / 4095); black levels become 64 65 63 64",
-                             "b.raw: headerless 16-bit little-endian raw, 614400 bytes = 307200 samples",
-                             "fits: 640x480, 480x640"})
+    for (const char* line :
+         {"a.dng: DNG (kepraw synthetic)", "size 64x48, pattern GRBG",
+          "black levels 256 260 252 258 (top-left, top-right, bottom-left, bottom-right)", "white level 4095 (12-bit)",
+          "read as 10-bit: v' = round(v * 1023 / 4095); black levels become 64 65 63 64",
+          "b.raw: headerless 16-bit little-endian raw, 614400 bytes = 307200 samples", "fits: 640x480, 480x640"})
         EXPECT_NE(guess.out.find(line), std::string::npos) << line << "\n" << guess.out;
 
     const kepraw_test::RunResult sized = kepraw_test::runKepraw({"info", "--size", "640x480", "b.raw"}, dir.path());
