@@ -1,8 +1,11 @@
 #include "synthetic_scene.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <random>
+#include <system_error>
+#include <thread>
 
 namespace kep {
 namespace synth {
@@ -61,6 +64,12 @@ struct Shape {
     float x0, y0, x1, y1;
     float rgb[3];
 };
+
+// Renders frame k through motions[k] with renders[k]. Every frame draws its
+// noise from its own seeded generator, so the frames are rendered on parallel
+// threads with the same result as one after the other.
+std::vector<std::vector<short>> renderAll(const Scene& scene, const std::vector<Motion>& motions,
+                                          const std::vector<RenderOptions>& renders);
 
 }  // namespace
 
@@ -181,6 +190,7 @@ Burst makeNightBurst(const Scene& scene, const BurstOptions& options) {
     burst.height = scene.height();
     std::mt19937 rng(options.seed);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<RenderOptions> renders;
     for (int k = 0; k < options.frames; ++k) {
         Motion m;
         if (k != 2) {
@@ -194,13 +204,63 @@ Burst makeNightBurst(const Scene& scene, const BurstOptions& options) {
         r.readNoise = options.readNoise;
         r.noiseSeed = options.seed * 131u + static_cast<uint32_t>(k);
         burst.motions.push_back(m);
-        burst.frames.push_back(renderRaw(scene, m, r));
+        renders.push_back(r);
     }
     RenderOptions clean;
     clean.levelsAtOne = options.levelsAtOne;
-    burst.clean = renderRaw(scene, Motion{}, clean);
+    std::vector<Motion> motions = burst.motions;
+    motions.push_back(Motion{});
+    renders.push_back(clean);
+    std::vector<std::vector<short>> frames = renderAll(scene, motions, renders);
+    burst.clean = std::move(frames.back());
+    frames.pop_back();
+    burst.frames = std::move(frames);
     return burst;
 }
+
+HdrBracket makeHdrBracket(const Scene& scene, const HdrBracketOptions& options) {
+    HdrBracket bracket;
+    bracket.width = scene.width();
+    bracket.height = scene.height();
+    const double exposures[3] = {1.0 / options.ratio, 2.0 / options.ratio, 1.0};
+    std::vector<RenderOptions> renders;
+    for (int k = 0; k < 3; ++k) {
+        RenderOptions r;
+        r.levelsAtOne = options.levelsAtOne * exposures[k];
+        r.shotNoiseGain = options.shotNoiseGain;
+        r.readNoise = options.readNoise;
+        r.noiseSeed = options.seed * 131u + static_cast<uint32_t>(k);
+        renders.push_back(r);
+    }
+    std::vector<std::vector<short>> frames = renderAll(scene, std::vector<Motion>(3), renders);
+    bracket.shortFrame = std::move(frames[0]);
+    bracket.midFrame = std::move(frames[1]);
+    bracket.longFrame = std::move(frames[2]);
+    return bracket;
+}
+
+namespace {
+
+std::vector<std::vector<short>> renderAll(const Scene& scene, const std::vector<Motion>& motions,
+                                          const std::vector<RenderOptions>& renders) {
+    std::vector<std::vector<short>> frames(renders.size());
+    std::atomic<size_t> next{0};
+    auto worker = [&]() {
+        for (size_t k = next++; k < frames.size(); k = next++) frames[k] = renderRaw(scene, motions[k], renders[k]);
+    };
+    const unsigned threads = std::max(1u, std::min(std::thread::hardware_concurrency(), static_cast<unsigned>(frames.size())));
+    std::vector<std::thread> pool;
+    try {
+        for (unsigned t = 1; t < threads; ++t) pool.emplace_back(worker);
+    } catch (const std::system_error&) {
+        // Fewer threads than wanted: the ones started and this one share the work.
+    }
+    worker();
+    for (std::thread& t : pool) t.join();
+    return frames;
+}
+
+}  // namespace
 
 double psnr(const short* a, const short* b, int width, int left, int top, int right, int bottom) {
     double sum = 0.0;
