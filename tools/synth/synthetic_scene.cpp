@@ -107,13 +107,23 @@ Scene::Scene(int width, int height, uint32_t seed) : width_(width), height_(heig
     std::vector<unsigned char> strokes(static_cast<size_t>((panelW / glyph + 1) * (panelH / glyph + 1)));
     for (auto& s : strokes) s = static_cast<unsigned char>(rng() % 16);
 
+    std::vector<const Shape*> rowShapes;
     for (int y = 0; y < height; ++y) {
+        // Only the shapes that reach this row can contain one of its pixels (for a
+        // disc, (x - cx)^2 + (y - cy)^2 is never below (y - cy)^2, even rounded).
+        rowShapes.clear();
+        for (const Shape& s : shapes) {
+            const float cy = 0.5f * (s.y0 + s.y1), r = 0.5f * (s.x1 - s.x0);
+            const bool reaches = s.kind == 0 ? (y >= s.y0 && y < s.y1) : (y - cy) * (y - cy) < r * r;
+            if (reaches) rowShapes.push_back(&s);
+        }
         for (int x = 0; x < width; ++x) {
             const float gx = static_cast<float>(x) / width, gy = static_cast<float>(y) / height;
             // Smooth gradients with texture of several scales.
             float lum = 0.25f + 0.45f * gx + 0.15f * coarse.at(x, y) + 0.10f * medium.at(x, y) + 0.06f * fine.at(x, y);
             float rgb[3] = {lum * (0.9f + 0.2f * tint.at(x, y)), lum, lum * (0.9f - 0.2f * tint.at(x, y) + 0.1f * gy)};
-            for (const Shape& s : shapes) {
+            for (const Shape* sp : rowShapes) {
+                const Shape& s = *sp;
                 bool inside;
                 if (s.kind == 0) {
                     inside = x >= s.x0 && x < s.x1 && y >= s.y0 && y < s.y1;
