@@ -25,3 +25,15 @@ KEP_API int qnWarpImgRaw(Rect region, Matrix model, int quadCols, int quadRows, 
                          short* plane0, short* plane1, short* plane2, short* plane3, short* plane4, short* plane5,
                          short* plane6, short* plane7, int* reportedTop, int* reportedBottom, short* srcRaw,
                          short* dstRaw, int* topAcc, int* bottomAcc);
+
+namespace raw_warp_detail {
+// The two forms behind qnWarpImgRaw (h: the model's first six coefficients):
+// warpPlain follows the definition quad by quad and site by site; warpRuns plans
+// a whole row of runs at once and blends consecutive runs that read the same
+// source rows with the same weights and shift as one vectorised span. Both give
+// the same samples and bounds for every model.
+int warpPlain(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
+              const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
+int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
+             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
+}  // namespace raw_warp_detail
