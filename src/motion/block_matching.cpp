@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
 #include "motion/hessian.h"
 #include "motion/subpixel.h"
@@ -215,20 +216,55 @@ bool gatherSubpixelSamples(const QNMatchSingleBlockParam_& p, Displacement resul
 
 }  // namespace
 
-double qnCalcMad(unsigned char* a, unsigned char* b, Rect ra, Rect rb, int /*height*/, int stride, float power) {
-    const bool plain = power == 1.0f;
-    if (!plain) rebuildPowerTableIfNeeded(power);
-    if (ra.height < 1) return 0.0;
+namespace block_matching_detail {
+
+double madPlain(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                const int* table) {
     double sum = 0.0;
     for (int j = 0; j < ra.height; ++j) {
         const unsigned char* rowA = a + static_cast<long>(ra.y + j) * stride + ra.x;
         const unsigned char* rowB = b + static_cast<long>(rb.y + j) * stride + rb.x;
         for (int i = 0; i < ra.width; ++i) {
             const int d = std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]));
-            sum += plain ? static_cast<double>(d) : static_cast<double>(powerTable.values[d]);
+            sum += plain ? static_cast<double>(d) : static_cast<double>(table[d]);
         }
     }
     return sum / ra.width / ra.height;
+}
+
+// Every term is a whole number in 0..2^31-1, so a 64-bit integer total is exact,
+// and so is every partial sum of the plain double accumulation while the block has
+// at most 2^22 samples: both give the same total, which converts exactly.
+double madInteger(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                  const int* table) {
+    long long total = 0;
+    for (int j = 0; j < ra.height; ++j) {
+        const unsigned char* rowA = a + static_cast<long>(ra.y + j) * stride + ra.x;
+        const unsigned char* rowB = b + static_cast<long>(rb.y + j) * stride + rb.x;
+        long long rowSum = 0;
+        if (plain) {
+            for (int i = 0; i < ra.width; ++i) rowSum += std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]));
+        } else {
+            for (int i = 0; i < ra.width; ++i) rowSum += table[std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]))];
+        }
+        total += rowSum;
+    }
+    return static_cast<double>(total) / ra.width / ra.height;
+}
+
+bool madFitsInteger(Rect ra) {
+    return ra.width > 0 && ra.height > 0 && static_cast<long long>(ra.width) * ra.height <= (1LL << 22);
+}
+
+}  // namespace block_matching_detail
+
+double qnCalcMad(unsigned char* a, unsigned char* b, Rect ra, Rect rb, int /*height*/, int stride, float power) {
+    const bool plain = power == 1.0f;
+    if (!plain) rebuildPowerTableIfNeeded(power);
+    if (ra.height < 1) return 0.0;
+    if (kUseFastPaths && block_matching_detail::madFitsInteger(ra))
+        return block_matching_detail::madInteger(a, b, ra, rb, stride, plain, powerTable.values);
+    return block_matching_detail::madPlain(a, b, ra, rb, stride, plain, powerTable.values);
 }
 
 bool compare_dist(FP_Match a, FP_Match b) { return a.dist < b.dist; }

@@ -9,6 +9,8 @@
 #include "diagnostics/platform_log.h"
 #include "features/feature_types.h"
 #include "features/grid_features.h"
+#include "imgcore/fast_paths.h"
+#include "imgcore/simd_clones.h"
 #include "motion/motion_alignment.h"
 #include "registration/black_level.h"
 #include "registration/frame_average.h"
@@ -82,15 +84,21 @@ struct BurstScratch {
     BurstScratch& operator=(const BurstScratch&) = delete;
 };
 
-// Guides of every frame from their black-level-corrected copies.
+// Guides of every frame from their black-level-corrected copies. The fast form
+// removes the black level on the fly instead of writing the corrected copy.
 void buildGuides(short** frames, BurstScratch& s, int width, int height, int grayGain, const int* blackLevelOrder) {
     const size_t pixels = static_cast<size_t>(width) * height / 16;
-    std::unique_ptr<short[]> corrected(new short[static_cast<size_t>(width) * height]);
     int order[4] = {blackLevelOrder[0], blackLevelOrder[1], blackLevelOrder[2], blackLevelOrder[3]};
+    const bool fused = kUseFastPaths && guide_detail::blackLevelsFitSamples(order);
+    std::unique_ptr<short[]> corrected(fused ? nullptr : new short[static_cast<size_t>(width) * height]);
     for (int i = 0; i < s.frameCount; ++i) {
-        removeBLC(frames[i], corrected.get(), width, height, order);
         s.guides[i] = static_cast<unsigned char*>(std::calloc(pixels, 1));
-        bayer_to_8bit_gray(corrected.get(), s.guides[i], width, height, grayGain, i);
+        if (fused) {
+            guide_detail::guideFromRaw(frames[i], order, s.guides[i], width, height, grayGain);
+        } else {
+            removeBLC(frames[i], corrected.get(), width, height, order);
+            bayer_to_8bit_gray(corrected.get(), s.guides[i], width, height, grayGain, i);
+        }
         if (width * height >= 16 && i < 2) matchShortExposure(s.guides[i], pixels, i);
     }
 }
@@ -122,6 +130,16 @@ void writeBackClamped(const short* aligned, short* frame, size_t samples) {
     for (size_t k = 0; k < samples; ++k) frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
 }
 
+// The write-back that also leaves the alignment buffer filled with -1 again, ready
+// for the next frame: one pass instead of a write-back and a later fill.
+KEP_SIMD_CLONES
+void writeBackAndRefill(short* __restrict aligned, short* __restrict frame, size_t samples) {
+    for (size_t k = 0; k < samples; ++k) {
+        frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
+        aligned[k] = -1;
+    }
+}
+
 void fillRows(short* output, int width, int fromRow, int toRow) {
     for (int r = fromRow; r < toRow; ++r) std::fill(output + static_cast<size_t>(r) * width, output + static_cast<size_t>(r + 1) * width, kBorderFillValue);
 }
@@ -151,16 +169,26 @@ int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int
     const size_t samples = static_cast<size_t>(width) * height;
     Bytes alignedGray = allocateBytes(samples / 16);
     std::unique_ptr<short[]> aligned(new short[samples]);
+    auto aligns = [&](int i) { return i != kReferenceIndex && s.rejectFlags[i] != 1; };
+    // The fast form fills the buffer once and refills it during each write-back
+    // except the last; either way every alignment starts from a buffer of -1.
+    const bool refillInWriteBack = kUseFastPaths;
+    if (refillInWriteBack) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
     for (int i = 0; i < s.frameCount; ++i) {
-        if (i == kReferenceIndex || s.rejectFlags[i] == 1) continue;
-        std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+        if (!aligns(i)) continue;
+        if (!refillInWriteBack) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
         int ambiguous = 0;
         QNMotion_alignImages_native(s.guides[i], alignedGray.get(), s.guides[kReferenceIndex], s.points, Size{6, 6},
                                     pointCount, 2.0, inlierLimit, g, gh, nullptr, nullptr, nullptr, nullptr, nullptr,
                                     nullptr, nullptr, nullptr, frames[i], aligned.get(), &box.top, &box.bottom,
                                     &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i);
         if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
-        writeBackClamped(aligned.get(), frames[i], samples);
+        bool another = false;
+        for (int j = i + 1; j < s.frameCount && !another; ++j) another = aligns(j);
+        if (refillInWriteBack && another)
+            writeBackAndRefill(aligned.get(), frames[i], samples);
+        else
+            writeBackClamped(aligned.get(), frames[i], samples);
     }
     return usable;
 }

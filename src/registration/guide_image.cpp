@@ -9,13 +9,10 @@
 
 namespace {
 
-// One guide row from four raw rows: the rows are summed column by column first,
-// then each run of four column sums gives a block total. Integer sums are exact,
-// so the grouping does not change any total.
-void guideRow(const short* r0, const short* r1, const short* r2, const short* r3, int* __restrict colSum,
-              uint8_t* __restrict out, int cols, int grayGain) {
-    const int n = 4 * cols;
-    for (int x = 0; x < n; ++x) colSum[x] = r0[x] + r1[x] + r2[x] + r3[x];
+// Guide pixels of one guide row from the column sums of its four raw rows: each
+// run of four column sums gives a block total. Integer sums are exact, so the
+// grouping does not change any total.
+void blockMeans(const int* __restrict colSum, uint8_t* __restrict out, int cols, int grayGain) {
     for (int c = 0; c < cols; ++c) {
         const int* s = colSum + 4 * c;
         const int mean = (s[0] + s[1] + s[2] + s[3]) / 16;
@@ -25,6 +22,27 @@ void guideRow(const short* r0, const short* r1, const short* r2, const short* r3
         if (v >= 1023) v = 1023;
         out[c] = static_cast<uint8_t>(static_cast<uint32_t>(v) >> 2);
     }
+}
+
+void guideRow(const short* r0, const short* r1, const short* r2, const short* r3, int* __restrict colSum,
+              uint8_t* __restrict out, int cols, int grayGain) {
+    const int n = 4 * cols;
+    for (int x = 0; x < n; ++x) colSum[x] = r0[x] + r1[x] + r2[x] + r3[x];
+    blockMeans(colSum, out, cols, grayGain);
+}
+
+// max(v - b, 0) for a black level b in 0..32767, formed as max(v, b) - b so that
+// it never leaves 16 bits (the loop then vectorises on 16-bit lanes).
+inline short aboveBlack(short v, short b) { return static_cast<short>((v > b ? v : b) - b); }
+
+// Column sums of four raw rows after black-level removal; evenBlack and oddBlack
+// hold the level of every column on the even and the odd rows of a quad.
+void blackCorrectedColumnSums(const short* __restrict r0, const short* __restrict r1, const short* __restrict r2,
+                              const short* __restrict r3, const short* __restrict evenBlack,
+                              const short* __restrict oddBlack, int* __restrict colSum, int n) {
+    for (int x = 0; x < n; ++x)
+        colSum[x] = (static_cast<int>(aboveBlack(r0[x], evenBlack[x])) + aboveBlack(r1[x], oddBlack[x])) +
+                    (static_cast<int>(aboveBlack(r2[x], evenBlack[x])) + aboveBlack(r3[x], oddBlack[x]));
 }
 
 // The 5x5 kernels of conImageBlur are outer products of these 5-tap rows, so
@@ -121,4 +139,32 @@ void histogram_equalization(unsigned char* src, unsigned char* dst, int width, i
 void imageBlur(unsigned char* src, unsigned char* dst, int width, int height) {
     static const unsigned char kernel[5] = {1, 2, 4, 2, 1};
     gauss5x5_u8(src, dst, width, height, width, width, kernel);
+}
+
+bool guide_detail::blackLevelsFitSamples(const int* order) {
+    for (int k = 0; k < 4; ++k)
+        if (order[k] < 0 || order[k] > 32767) return false;
+    return true;
+}
+
+void guide_detail::guideFromRaw(const short* raw, const int* order, unsigned char* guide, int width, int height,
+                                int grayGain) {
+    if (height < 4) return;
+    const int rows = height / 4;
+    const int cols = width / 4;
+    if (cols <= 0) return;
+    const std::size_t w = static_cast<std::size_t>(width);
+    const std::size_t n = static_cast<std::size_t>(4 * cols);
+    std::vector<short> evenBlack(n), oddBlack(n);
+    for (std::size_t x = 0; x < n; ++x) {
+        evenBlack[x] = static_cast<short>(order[x & 1]);
+        oddBlack[x] = static_cast<short>(order[2 + (x & 1)]);
+    }
+    std::vector<int> colSum(n);
+    for (int r = 0; r < rows; ++r) {
+        const short* r0 = raw + static_cast<std::size_t>(4 * r) * w;
+        blackCorrectedColumnSums(r0, r0 + w, r0 + 2 * w, r0 + 3 * w, evenBlack.data(), oddBlack.data(), colSum.data(),
+                                 4 * cols);
+        blockMeans(colSum.data(), guide + static_cast<std::size_t>(r) * cols, cols, grayGain);
+    }
 }

@@ -105,20 +105,79 @@ void blendSpan(const short* __restrict top, const short* __restrict bottom, shor
 // lies well inside the int range; rows outside that range go run by run.
 constexpr float kPlannedRange = 4194304.0f;  // 2^22: floor and tenths exact in float
 
+// What the row's span loop does with a run.
+enum RunState : unsigned char {
+    kRunSkipped = 0,  // source rows outside the frame
+    kRunStarts = 1,   // clipped, or differs from the run before it: goes through clipRun
+    kRunJoins = 2,    // same source rows, weights and shift as the run before it, both unclipped
+};
+
+// sy and sx of every run; returns false when some position is outside the planned
+// range (or not a number). Bitwise tests keep the loops free of branches, so that
+// they vectorise.
+KEP_SIMD_CLONES
+bool evaluateRuns(const double* __restrict xc, float* __restrict sy, float* __restrict sx, int runs, const double* h,
+                  int y) {
+    const double yd = static_cast<double>(y);
+    const double h0 = h[0], h3 = h[3], h1y = h[1] * yd, h4y = h[4] * yd, h2x2 = h[2] + h[2], h5x2 = h[5] + h[5];
+    for (int i = 0; i < runs; ++i) {
+        sy[i] = static_cast<float>((h3 * xc[i] + h4y) + h5x2);
+        sx[i] = static_cast<float>((h0 * xc[i] + h1y) + h2x2);
+    }
+    int outside = 0;
+    for (int i = 0; i < runs; ++i)
+        outside |= static_cast<int>(!(sy[i] > -kPlannedRange)) | static_cast<int>(!(sy[i] < kPlannedRange)) |
+                   static_cast<int>(!(sx[i] > -kPlannedRange)) | static_cast<int>(!(sx[i] < kPlannedRange));
+    return outside == 0;
+}
+
+// Source row, weight index fy * 10 + fx, shift (source quad minus output quad) and
+// state of every run, from positions inside the planned range.
+KEP_SIMD_CLONES
+void planRuns(const float* __restrict sy, const float* __restrict sx, const int* __restrict offset,
+              const int* __restrict x0, const int* __restrict x1, int* __restrict r0, int* __restrict weight,
+              int* __restrict shift, unsigned char* __restrict inside, unsigned char* __restrict state, int runs,
+              int quadCols, int quadRows) {
+    for (int i = 0; i < runs; ++i) {
+        const float y = sy[i], x = sx[i];
+        const int row = static_cast<int>(y);
+        const int fy = static_cast<int>(y * 10.0f) % 10;
+        const int tenthsX = static_cast<int>(x * 10.0f) - static_cast<int>(x < 0.0f);
+        const int fx = std::abs(tenthsX) % 10;
+        // floor(sx) - offset is a small whole number, exact in float and int alike.
+        const int truncX = static_cast<int>(x);
+        const int s0 = truncX - static_cast<int>(static_cast<float>(truncX) > x) - offset[i];
+        r0[i] = row;
+        weight[i] = fy * 10 + fx;
+        shift[i] = s0 - x0[i];
+        const int kept = static_cast<int>(y >= 0.0f) & static_cast<int>(row + 1 < quadRows);
+        // Inside: sources s0 .. s0 + (x1 - x0) and outputs x0 .. x1 - 1 all in the frames.
+        inside[i] = static_cast<unsigned char>(kept & static_cast<int>(s0 >= 0) &
+                                               static_cast<int>(s0 + (x1[i] - x0[i]) < quadCols) &
+                                               static_cast<int>(x0[i] >= 0) & static_cast<int>(x1[i] <= quadCols));
+        state[i] = static_cast<unsigned char>(kept);
+    }
+    for (int i = 1; i < runs; ++i) {
+        const int joins = inside[i] & inside[i - 1] & static_cast<int>(r0[i] == r0[i - 1]) &
+                          static_cast<int>(weight[i] == weight[i - 1]) & static_cast<int>(shift[i] == shift[i - 1]);
+        state[i] = static_cast<unsigned char>(state[i] + joins);
+    }
+}
+
 struct RowPlanner {
     // Per run, fixed for the whole call.
-    std::vector<double> xc;     // centre column
+    std::vector<double> xc;   // centre column
     std::vector<int> offset;  // max(xc - x0, 0)
     std::vector<int> x0;
     std::vector<int> x1;
     // Per run, for the current row.
     std::vector<float> sy, sx;
     std::vector<int> r0, weight, shift;
-    std::vector<unsigned char> skip, inside, joins;
+    std::vector<unsigned char> inside, state;
 
     RowPlanner(ll regionX, ll regionRight, int runs)
         : xc(runs), offset(runs), x0(runs), x1(runs), sy(runs), sx(runs), r0(runs), weight(runs), shift(runs),
-          skip(runs), inside(runs), joins(runs) {
+          inside(runs), state(runs) {
         for (int i = 0; i < runs; ++i) {
             const ll a = regionX + static_cast<ll>(kRunQuads) * i;
             const ll b = std::min(a + kRunQuads, regionRight);
@@ -130,64 +189,11 @@ struct RowPlanner {
         }
     }
 
-    // Fills sy and sx; returns false when some position is outside the planned
-    // range (or not a number).
-    bool evaluate(const double* h, int y, int runs) {
-        const double yd = static_cast<double>(y);
-        const double h0 = h[0], h3 = h[3], h1y = h[1] * yd, h4y = h[4] * yd, h2x2 = h[2] + h[2], h5x2 = h[5] + h[5];
-        float* __restrict syp = sy.data();
-        float* __restrict sxp = sx.data();
-        const double* __restrict xcp = xc.data();
-        for (int i = 0; i < runs; ++i) {
-            syp[i] = static_cast<float>((h3 * xcp[i] + h4y) + h5x2);
-            sxp[i] = static_cast<float>((h0 * xcp[i] + h1y) + h2x2);
-        }
-        // Bitwise tests keep the loop free of branches, so that it vectorises.
-        int outside = 0;
-        for (int i = 0; i < runs; ++i)
-            outside |= static_cast<int>(!(syp[i] > -kPlannedRange)) | static_cast<int>(!(syp[i] < kPlannedRange)) |
-                       static_cast<int>(!(sxp[i] > -kPlannedRange)) | static_cast<int>(!(sxp[i] < kPlannedRange));
-        return outside == 0;
-    }
-
-    // Integer plan of every run; `joins` marks a run that continues the previous
-    // one as one span: same source rows, weights and column shift, both unclipped.
-    void plan(int runs, int quadCols, int quadRows) {
-        const float* __restrict syp = sy.data();
-        const float* __restrict sxp = sx.data();
-        const int* __restrict offp = offset.data();
-        const int* __restrict x0p = x0.data();
-        const int* __restrict x1p = x1.data();
-        int* __restrict r0p = r0.data();
-        int* __restrict weightp = weight.data();
-        int* __restrict shiftp = shift.data();
-        unsigned char* __restrict skipp = skip.data();
-        unsigned char* __restrict insidep = inside.data();
-        unsigned char* __restrict joinsp = joins.data();
-        for (int i = 0; i < runs; ++i) {
-            const float y = syp[i], x = sxp[i];
-            const int row = static_cast<int>(y);
-            const int fy = static_cast<int>(y * 10.0f) % 10;
-            const int tenthsX = static_cast<int>(x * 10.0f) - static_cast<int>(x < 0.0f);
-            const int fx = std::abs(tenthsX) % 10;
-            // floor(sx) - offset is a small whole number, exact in float and int alike.
-            const int truncX = static_cast<int>(x);
-            const int s0 = truncX - static_cast<int>(static_cast<float>(truncX) > x) - offp[i];
-            r0p[i] = row;
-            weightp[i] = fy * 10 + fx;
-            shiftp[i] = s0 - x0p[i];
-            const int skipped = static_cast<int>(!(y >= 0.0f)) | static_cast<int>(row + 1 >= quadRows);
-            skipp[i] = static_cast<unsigned char>(skipped);
-            // Inside: sources s0 .. s0 + (x1 - x0) and outputs x0 .. x1 - 1 all in the frames.
-            insidep[i] = static_cast<unsigned char>((skipped ^ 1) & static_cast<int>(s0 >= 0) &
-                                                    static_cast<int>(s0 + (x1p[i] - x0p[i]) < quadCols) &
-                                                    static_cast<int>(x0p[i] >= 0) & static_cast<int>(x1p[i] <= quadCols));
-        }
-        for (int i = 1; i < runs; ++i)
-            joinsp[i] = static_cast<unsigned char>(insidep[i] & insidep[i - 1] & static_cast<int>(r0p[i] == r0p[i - 1]) &
-                                                    static_cast<int>(weightp[i] == weightp[i - 1]) &
-                                                    static_cast<int>(shiftp[i] == shiftp[i - 1]));
-        if (runs > 0) joinsp[0] = 0;
+    bool planRow(const double* h, int y, int runs, int quadCols, int quadRows) {
+        if (!evaluateRuns(xc.data(), sy.data(), sx.data(), runs, h, y)) return false;
+        planRuns(sy.data(), sx.data(), offset.data(), x0.data(), x1.data(), r0.data(), weight.data(), shift.data(),
+                 inside.data(), state.data(), runs, quadCols, quadRows);
+        return true;
     }
 };
 
@@ -332,19 +338,23 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
         const int y = static_cast<int>(yy);
         bool rowTracked = false;
         SpanWriter writer(y, srcRaw, dstRaw, stride, table);
-        if (planned && planner.evaluate(h, y, runs)) {
-            planner.plan(runs, quadCols, quadRows);
-            for (int i = 0; i < runs; ++i) {
-                if (planner.skip[i]) continue;
-                rowTracked = true;
-                if (planner.joins[i]) {
-                    writer.extend(planner.x1[i]);
+        if (planned && planner.planRow(h, y, runs, quadCols, quadRows)) {
+            const unsigned char* state = planner.state.data();
+            int i = 0;
+            while (i < runs) {
+                if (state[i] == kRunSkipped) {
+                    ++i;
                     continue;
                 }
+                rowTracked = true;
                 const int weight = planner.weight[i];
                 const int s0 = planner.shift[i] + planner.x0[i];
                 const WriteRange range = clipRun(planner.x0[i], planner.x1[i], s0, quadCols);
                 writer.add(planner.r0[i], weight / 10, weight % 10, planner.shift[i], range.begin, range.end);
+                // Runs that join this one only move the span's end.
+                const int first = i++;
+                while (i < runs && state[i] == kRunJoins) ++i;
+                if (i - 1 > first) writer.extend(planner.x1[i - 1]);
             }
         } else {
             ll x0 = region.x, x1;
