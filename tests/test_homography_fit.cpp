@@ -68,9 +68,11 @@ TEST(HomographyFit, ModelMappingEqualsMatrixProductBitForBit) {
         double column[3] = {x, y, 1.0}, product[2];
         Matrix out = matrixWrap(product, 2, 1);
         matrix_dot_product(matrixWrap(h, 2, 3), matrixWrap(column, 3, 1), out);
-        double u, v;
+        double u, v, pu, pv;
         ASSERT_TRUE(mapThroughModel(matrixWrap(h, 2, 3), x, y, u, v));
         ASSERT_TRUE(sameResult(u, product[0]) && sameResult(v, product[1])) << t;
+        ASSERT_TRUE(mapThroughProduct(matrixWrap(h, 2, 3), x, y, pu, pv));
+        ASSERT_TRUE(sameResult(pu, product[0]) && sameResult(pv, product[1])) << t;
 
         const Point2f q = {specialOrRandomFloat(rng), specialOrRandomFloat(rng)};
         const double du = q.x - product[0], dv = q.y - product[1];

@@ -5,6 +5,8 @@
 #include <limits>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
+
 namespace {
 
 constexpr int kMaxCorrespondences = 1000;
@@ -63,7 +65,10 @@ int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Ma
     Matrix P = At;
     if (W) {
         P = matrixWrap(weighted.data(), 3, n);
-        weightedTransposeProduct(At, *W, P);
+        if (kUseFastPaths)
+            weightedTransposeProduct(At, *W, P);
+        else
+            matrix_dot_product(At, *W, P);
     }
 
     double normal[9], normalInverse[9];
@@ -107,9 +112,24 @@ void weightedTransposeProduct(Matrix At, Matrix W, Matrix& P) {
                 0.0 + At.data[static_cast<size_t>(i) * n + j] * W.data[static_cast<size_t>(j) * n + j];
 }
 
+bool mapThroughProduct(const Matrix& H, double x, double y, double& u, double& v) {
+    if (H.cols != 3 || H.rows < 2 || H.data == nullptr) return false;
+    double column[3] = {x, y, 1.0};
+    std::vector<double> product(static_cast<size_t>(H.rows));
+    Matrix out = matrixWrap(product.data(), H.rows, 1);
+    matrix_dot_product(H, matrixWrap(column, 3, 1), out);
+    u = product[0];
+    v = product[1];
+    return true;
+}
+
+bool mapPoint(const Matrix& H, double x, double y, double& u, double& v) {
+    return kUseFastPaths ? mapThroughModel(H, x, y, u, v) : mapThroughProduct(H, x, y, u, v);
+}
+
 double calc_homo_error(Matrix H, Point2f p, Point2f q) {
     double u, v;
-    if (!mapThroughModel(H, p.x, p.y, u, v)) return std::numeric_limits<double>::quiet_NaN();
+    if (!mapPoint(H, p.x, p.y, u, v)) return std::numeric_limits<double>::quiet_NaN();
     const double du = q.x - u;
     const double dv = q.y - v;
     return du * du + dv * dv;

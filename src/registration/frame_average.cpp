@@ -114,6 +114,19 @@ void frame_average_detail::averageChunked(const short* const* frames, short* out
     }
 }
 
+void frame_average_detail::averageTable(const short* const* frames, short* output, long count, int n) {
+    copyFrame(frames[0], output, count);
+    for (int k = 1; k <= n - 2; ++k) accumulate(frames[k], output, count);
+
+    // Division table: entry i = (i + n - 1) / n for every sum of n samples below 1024.
+    u16* table = new (std::nothrow) u16[static_cast<size_t>(n) * 1024];
+    if (table != nullptr) {
+        for (int i = 0; i < n * 1024; ++i) table[i] = static_cast<u16>((i + n - 1) / n);
+    }
+    divideLastSum(output, frames[n - 1], count, n, table);
+    delete[] table;
+}
+
 bool frame_average_detail::framesApart(const short* const* frames, const short* output, long count, int n) {
     const auto lo = reinterpret_cast<std::uintptr_t>(output);
     const auto hi = reinterpret_cast<std::uintptr_t>(output + count);
@@ -149,15 +162,6 @@ int frameAverage(const short** frames, short* output, int width, int height, int
         return 1;
     }
 
-    copyFrame(frames[0], output, count);
-    for (int k = 1; k <= n - 2; ++k) accumulate(frames[k], output, count);
-
-    // Division table: entry i = (i + n - 1) / n for every sum of n samples below 1024.
-    u16* table = new (std::nothrow) u16[static_cast<size_t>(n) * 1024];
-    if (table != nullptr) {
-        for (int i = 0; i < n * 1024; ++i) table[i] = static_cast<u16>((i + n - 1) / n);
-    }
-    frame_average_detail::divideLastSum(output, frames[n - 1], count, n, table);
-    delete[] table;
+    frame_average_detail::averageTable(frames, output, count, n);
     return 1;
 }

@@ -23,6 +23,10 @@ struct Reciprocal {
 };
 Reciprocal reciprocalFor(int n);
 
+// The general case (n = 3 or n >= 5) as defined: copy frame 0, add frames 1 .. n-2
+// in place, divide the last sum through the table.
+void averageTable(const short* const* frames, short* output, long count, int n);
+
 // The general case (n = 3 or 5..16) in one pass over every frame: equal to the
 // copy, the in-place additions and the table division, for an output that
 // overlaps no frame (framesApart).

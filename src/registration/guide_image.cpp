@@ -5,7 +5,9 @@
 #include <cstring>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "imgcore/gauss5x5.h"
+#include "imgcore/simd_clones.h"
 
 namespace {
 
@@ -37,6 +39,7 @@ inline short aboveBlack(short v, short b) { return static_cast<short>((v > b ? v
 
 // Column sums of four raw rows after black-level removal; evenBlack and oddBlack
 // hold the level of every column on the even and the odd rows of a quad.
+KEP_SIMD_CLONES
 void blackCorrectedColumnSums(const short* __restrict r0, const short* __restrict r1, const short* __restrict r2,
                               const short* __restrict r3, const short* __restrict evenBlack,
                               const short* __restrict oddBlack, int* __restrict colSum, int n) {
@@ -45,28 +48,47 @@ void blackCorrectedColumnSums(const short* __restrict r0, const short* __restric
                     (static_cast<int>(aboveBlack(r2[x], evenBlack[x])) + aboveBlack(r3[x], oddBlack[x]));
 }
 
-// The 5x5 kernels of conImageBlur are outer products of these 5-tap rows, so
-// the weighted sum is formed as a horizontal then a vertical pass. The sums are
-// exact integers either way.
+// The 5x5 kernels of conImageBlur are outer products of these 5-tap rows, so the
+// fast form takes the weighted sum as a horizontal then a vertical pass. The sums
+// are exact integers either way.
 constexpr int kSmoothTaps[5] = {1, 2, 4, 2, 1};
 constexpr int kSmoothDivisor = 100;
 constexpr int kBoxTaps[5] = {1, 1, 1, 1, 1};
 constexpr int kBoxDivisor = 25;
 
-void blurRowHorizontal(const uint8_t* __restrict s, uint16_t* __restrict h, int width, const int* k) {
-    const int k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3], k4 = k[4];
+// Horizontal sums are at most 255 * 10, vertical ones at most 255 * 100: both fit
+// 16 bits, so the passes run on 16-bit lanes.
+template <bool Box>
+void blurRowHorizontal(const uint8_t* __restrict s, uint16_t* __restrict h, int width) {
+    constexpr const int* k = Box ? kBoxTaps : kSmoothTaps;
     for (int x = 2; x < width - 2; ++x)
-        h[x] = static_cast<uint16_t>(k0 * s[x - 2] + k1 * s[x - 1] + k2 * s[x] + k3 * s[x + 1] + k4 * s[x + 2]);
+        h[x] = static_cast<uint16_t>(k[0] * s[x - 2] + k[1] * s[x - 1] + k[2] * s[x] + k[3] * s[x + 1] + k[4] * s[x + 2]);
 }
 
-// sum <= 255 * 100, exact in single precision; the quotient lies in [0, 255].
+// The truncated single-precision quotient sum / divisor equals the integer
+// quotient for every sum 0..25500 (checked for each in the tests), and division by
+// a constant vectorises as a multiply.
+template <bool Box>
 void blurRowVertical(const uint16_t* __restrict h0, const uint16_t* __restrict h1, const uint16_t* __restrict h2,
-                     const uint16_t* __restrict h3, const uint16_t* __restrict h4, uint8_t* __restrict d, int width,
-                     const int* k, float divisor) {
-    const int k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3], k4 = k[4];
+                     const uint16_t* __restrict h3, const uint16_t* __restrict h4, uint8_t* __restrict d, int width) {
+    constexpr const int* k = Box ? kBoxTaps : kSmoothTaps;
+    constexpr uint16_t divisor = Box ? kBoxDivisor : kSmoothDivisor;
     for (int x = 2; x < width - 2; ++x) {
-        const int sum = k0 * h0[x] + k1 * h1[x] + k2 * h2[x] + k3 * h3[x] + k4 * h4[x];
-        d[x] = static_cast<uint8_t>(static_cast<int>(static_cast<float>(sum) / divisor));
+        const uint16_t sum = static_cast<uint16_t>(k[0] * h0[x] + k[1] * h1[x] + k[2] * h2[x] + k[3] * h3[x] + k[4] * h4[x]);
+        d[x] = static_cast<uint8_t>(sum / divisor);
+    }
+}
+
+template <bool Box>
+void blurSeparable(const unsigned char* src, unsigned char* dst, int width, int height) {
+    // Every source row is consumed by the horizontal pass before dst is written,
+    // so in-place use reads the input as it was before the call.
+    const std::size_t w = static_cast<std::size_t>(width);
+    std::vector<uint16_t> horiz(w * static_cast<std::size_t>(height));
+    for (int y = 0; y < height; ++y) blurRowHorizontal<Box>(src + y * w, horiz.data() + y * w, width);
+    for (int y = 2; y < height - 2; ++y) {
+        const uint16_t* h = horiz.data() + (y - 2) * w;
+        blurRowVertical<Box>(h, h + w, h + 2 * w, h + 3 * w, h + 4 * w, dst + y * w, width);
     }
 }
 
@@ -87,21 +109,32 @@ void bayer_to_8bit_gray(short* raw, unsigned char* guide, int width, int height,
     }
 }
 
+void guide_detail::blurPlain(unsigned char* src, unsigned char* dst, int width, int height, bool box) {
+    // A copy of the input, so that in-place use reads the image as it was.
+    const std::vector<uint8_t> scratch(src, src + static_cast<std::size_t>(width) * height);
+    const int divisor = box ? kBoxDivisor : kSmoothDivisor;
+    const int* taps = box ? kBoxTaps : kSmoothTaps;
+    for (int y = 2; y < height - 2; ++y) {
+        for (int x = 2; x < width - 2; ++x) {
+            int sum = 0;
+            for (int i = 0; i < 5; ++i)
+                for (int j = 0; j < 5; ++j)
+                    sum += taps[i] * taps[j] * scratch[static_cast<std::size_t>(y - 2 + i) * width + (x - 2 + j)];
+            dst[static_cast<std::size_t>(y) * width + x] =
+                static_cast<uint8_t>(static_cast<int>(static_cast<float>(sum) / static_cast<float>(divisor)));
+        }
+    }
+}
+
 void conImageBlur(unsigned char* src, unsigned char* dst, int width, int height, float blurSelect) {
     const bool box = blurSelect > 510.0;  // NaN selects the smoothing kernel
-    const int* taps = box ? kBoxTaps : kSmoothTaps;
-    const float divisor = static_cast<float>(box ? kBoxDivisor : kSmoothDivisor);
     if (height < 5 || width < 5) return;
-
-    // Every source row is consumed by the horizontal pass before dst is written,
-    // so in-place use reads the input as it was before the call.
-    const std::size_t w = static_cast<std::size_t>(width);
-    std::vector<uint16_t> horiz(w * static_cast<std::size_t>(height));
-    for (int y = 0; y < height; ++y) blurRowHorizontal(src + y * w, horiz.data() + y * w, width, taps);
-    for (int y = 2; y < height - 2; ++y) {
-        const uint16_t* h = horiz.data() + (y - 2) * w;
-        blurRowVertical(h, h + w, h + 2 * w, h + 3 * w, h + 4 * w, dst + y * w, width, taps, divisor);
-    }
+    if (!kUseFastPaths)
+        guide_detail::blurPlain(src, dst, width, height, box);
+    else if (box)
+        blurSeparable<true>(src, dst, width, height);
+    else
+        blurSeparable<false>(src, dst, width, height);
 }
 
 void histogram_equalization(unsigned char* src, unsigned char* dst, int width, int height) {

@@ -37,4 +37,8 @@ bool blackLevelsFitSamples(const int* order);
 // equal to removeBLC into a temporary followed by bayer_to_8bit_gray, for black
 // levels that pass blackLevelsFitSamples.
 void guideFromRaw(const short* raw, const int* order, unsigned char* guide, int width, int height, int grayGain);
+
+// The plain 25-tap form of conImageBlur (for width and height of at least 5); the
+// fast form sums a horizontal and a vertical 5-tap pass, which is exact.
+void blurPlain(unsigned char* src, unsigned char* dst, int width, int height, bool box);
 }  // namespace guide_detail
