@@ -62,9 +62,9 @@ void plainWarp(RawFrames& f, Rect region, const double* h, Bounds& b) {
                                f.dst.data(), &b.top, &b.bottom);
 }
 
-void runsWarp(RawFrames& f, Rect region, const double* h, Bounds& b) {
+void runsWarp(RawFrames& f, Rect region, const double* h, Bounds& b, bool fillGaps = false) {
     raw_warp_detail::warpRuns(region, h, f.quadCols, f.quadRows, &b.reportedTop, &b.reportedBottom, f.src.data(),
-                              f.dst.data(), &b.top, &b.bottom);
+                              f.dst.data(), &b.top, &b.bottom, fillGaps);
 }
 
 void expectSameBounds(const Bounds& a, const Bounds& b) {
@@ -212,6 +212,30 @@ TEST(RawWarp, RunsMatchPlainFormOnRandomModelsAndFrames) {
     }
 }
 
+// With gap filling, cells that tile the frame write every sample of a destination
+// holding anything: the result equals the plain warp into a buffer of -1.
+TEST(RawWarp, GapFillingEqualsAPrefilledDestination) {
+    std::mt19937 rng(6);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int quadCols : {4, 8, 12, 36, 68})
+        for (int quadRows : {4, 12, 20})
+            for (int trial = 0; trial < 8; ++trial) {
+                RawFrames fast(quadCols, quadRows, rng);
+                RawFrames plain = fast;
+                for (short& v : fast.dst) v = static_cast<short>(rng());
+                Bounds fb, pb;
+                const double reach = trial < 4 ? 0.2 : 1.5;  // sources far outside leave wide gaps
+                for (const Rect& r : cells(quadCols, quadRows)) {
+                    double h[9] = {1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * reach * unit(rng),
+                                   0.1 * unit(rng), 1 + 0.1 * unit(rng), quadRows * reach * unit(rng), 0, 0, 1};
+                    runsWarp(fast, r, h, fb, true);
+                    plainWarp(plain, r, h, pb);
+                }
+                ASSERT_EQ(fast.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                expectSameBounds(fb, pb);
+            }
+}
+
 // Degenerate fits can hand over NaN, infinite or huge coefficients: every run must
 // stay inside both frames (checked by the sanitizer build) and the run-planned
 // warp must still follow the plain form with its saturating conversions.
@@ -221,15 +245,18 @@ TEST(RawWarp, NonFiniteAndHugeModelsStayInsideTheFrames) {
                             -std::numeric_limits<double>::infinity(), 1e30, -1e30, 3e9, -3e9, 1e9, -1e9, 2.5e6};
     for (int slot = 0; slot < 6; ++slot) {
         for (double v : nasty) {
-            RawFrames fast(11, 10, rng);
-            RawFrames plain = fast;
-            Bounds fb, pb;
+            RawFrames fast(12, 8, rng);
+            RawFrames plain = fast, filled = fast;
+            for (short& s : filled.dst) s = 77;
+            Bounds fb, pb, gb;
             double h[9] = {1, 0, 0.6, 0, 1, 0.6, 0, 0, 1};
             h[slot] = v;
-            for (const Rect& r : cells(11, 10)) {
+            for (const Rect& r : cells(12, 8)) {
                 runsWarp(fast, r, h, fb);
+                runsWarp(filled, r, h, gb, true);
                 plainWarp(plain, r, h, pb);
             }
+            ASSERT_EQ(filled.dst, plain.dst) << "slot " << slot << " value " << v;
             runsWarp(fast, Rect{-3, -2, 20, 15}, h, fb);  // reaching past the frame as well
             plainWarp(plain, Rect{-3, -2, 20, 15}, h, pb);
             ASSERT_EQ(fast.dst, plain.dst) << "slot " << slot << " value " << v;

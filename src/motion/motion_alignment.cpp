@@ -199,13 +199,22 @@ int widestBlankBand(const short* dstRaw, int quadCols, int top, int bottom, bool
 
 }  // namespace
 
-int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareGuide*/, unsigned char* refGuide,
-                                QNGridFeaturePointList& grid, Size halfBlock, int featureCount, double weightScale,
-                                double inlierLimit, int width, int height, short* plane0, short* plane1,
-                                short* plane2, short* plane3, short* plane4, short* plane5, short* plane6,
-                                short* plane7, short* srcRaw, short* dstRaw, int* validTop, int* validBottom,
-                                int* validLeft, int* validRight, char* rejectFlag, int* ambiguousCount,
-                                int featureTotal, int frameIndex) {
+int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char* refGuide,
+                                         QNGridFeaturePointList& grid, Size halfBlock, int featureCount,
+                                         double weightScale, double inlierLimit, int width, int height, short* srcRaw,
+                                         short* dstRaw, int* validTop, int* validBottom, int* validLeft,
+                                         int* validRight, char* rejectFlag, int* ambiguousCount, int featureTotal,
+                                         int frameIndex, bool dstPrefilled) {
+    // An unfilled destination receives -1 wherever the warp leaves it, and all of
+    // it when the frame is rejected before the warp.
+    const size_t rawSamples = 16 * static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
+    auto fillDestination = [&] {
+        if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
+    };
+    if (width % 2 != 0 || height % 2 != 0) {  // the cells would not tile the frame
+        fillDestination();
+        dstPrefilled = true;
+    }
     const int capacity = std::max(featureCount, 0);
     Matches m;
     m.list.assign(capacity, FP_Match{});
@@ -232,6 +241,7 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     const float ambiguousShare = static_cast<float>(*ambiguousCount) / static_cast<float>(featureTotal);
     if (static_cast<unsigned>(frameIndex) >= 2u && static_cast<double>(ambiguousShare) > kMaxAmbiguousShare) {
         *rejectFlag = 1;
+        fillDestination();
         return 0;
     }
 
@@ -248,6 +258,7 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     if (!isAffineModel(H)) {
         matrixRelease(H);
         *rejectFlag = 1;
+        fillDestination();
         return 0;
     }
 
@@ -261,9 +272,13 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     for (int c = 0; c < kGridSide * kGridSide; ++c) {
         GridCell& cell = grid.cells[c];
         ensureModel(cell.inverseHomography);
-        qnWarpImgRaw(Rect{cell.x, cell.y, cell.width, cell.height}, cell.inverseHomography, quadCols, quadRows, 0, 0,
-                     plane0, plane1, plane2, plane3, plane4, plane5, plane6, plane7, &reportedTop, &reportedBottom,
-                     srcRaw, dstRaw, &top, &bottom);
+        const Rect rect{cell.x, cell.y, cell.width, cell.height};
+        if (dstPrefilled)
+            qnWarpImgRaw(rect, cell.inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr, nullptr,
+                         nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw, &top, &bottom);
+        else  // the cells tile the frame, so every quad is written once
+            raw_warp_detail::warpRuns(rect, cell.inverseHomography.data, quadCols, quadRows, &reportedTop,
+                                      &reportedBottom, srcRaw, dstRaw, &top, &bottom, true);
     }
 
     const int lastRow = quadRows - 1;
@@ -286,4 +301,17 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     *validLeft = std::max(*validLeft, leftMax);
     *validRight = std::min(*validRight, (quadCols - 1) - rightMax);
     return 0;
+}
+
+int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareGuide*/, unsigned char* refGuide,
+                                QNGridFeaturePointList& grid, Size halfBlock, int featureCount, double weightScale,
+                                double inlierLimit, int width, int height, short* /*plane0*/, short* /*plane1*/,
+                                short* /*plane2*/, short* /*plane3*/, short* /*plane4*/, short* /*plane5*/,
+                                short* /*plane6*/, short* /*plane7*/, short* srcRaw, short* dstRaw, int* validTop,
+                                int* validBottom, int* validLeft, int* validRight, char* rejectFlag,
+                                int* ambiguousCount, int featureTotal, int frameIndex) {
+    return motion_alignment_detail::alignImages(curGuide, refGuide, grid, halfBlock, featureCount, weightScale,
+                                                inlierLimit, width, height, srcRaw, dstRaw, validTop, validBottom,
+                                                validLeft, validRight, rejectFlag, ambiguousCount, featureTotal,
+                                                frameIndex, true);
 }

@@ -126,18 +126,9 @@ int detectReferenceFeatures(BurstScratch& s, unsigned char* edgeMask, int g, int
     return *detected ? count : 0;
 }
 
-void writeBackClamped(const short* aligned, short* frame, size_t samples) {
-    for (size_t k = 0; k < samples; ++k) frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
-}
-
-// The write-back that also leaves the alignment buffer filled with -1 again, ready
-// for the next frame: one pass instead of a write-back and a later fill.
 KEP_SIMD_CLONES
-void writeBackAndRefill(short* __restrict aligned, short* __restrict frame, size_t samples) {
-    for (size_t k = 0; k < samples; ++k) {
-        frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
-        aligned[k] = -1;
-    }
+void writeBackClamped(const short* __restrict aligned, short* __restrict frame, size_t samples) {
+    for (size_t k = 0; k < samples; ++k) frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
 }
 
 void fillRows(short* output, int width, int fromRow, int toRow) {
@@ -167,28 +158,24 @@ int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int
                 double inlierLimit, ValidBox& box) {
     const int g = width / 4, gh = height / 4;
     const size_t samples = static_cast<size_t>(width) * height;
-    Bytes alignedGray = allocateBytes(samples / 16);
+    // One raw alignment buffer for all frames. (The alignment's spare gray buffer is
+    // never read, so none is allocated for it.)
     std::unique_ptr<short[]> aligned(new short[samples]);
-    auto aligns = [&](int i) { return i != kReferenceIndex && s.rejectFlags[i] != 1; };
-    // The fast form fills the buffer once and refills it during each write-back
-    // except the last; either way every alignment starts from a buffer of -1.
-    const bool refillInWriteBack = kUseFastPaths;
-    if (refillInWriteBack) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+    // The plain form fills the buffer with -1 before every alignment. The fast form
+    // lets the alignment write every sample itself (-1 where the warp has no
+    // source), which leaves the same buffer; it needs the warp's cells to tile the
+    // whole raw frame.
+    const bool alignmentFills = kUseFastPaths && width % 8 == 0 && height % 8 == 0;
     for (int i = 0; i < s.frameCount; ++i) {
-        if (!aligns(i)) continue;
-        if (!refillInWriteBack) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+        if (i == kReferenceIndex || s.rejectFlags[i] == 1) continue;
+        if (!alignmentFills) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
         int ambiguous = 0;
-        QNMotion_alignImages_native(s.guides[i], alignedGray.get(), s.guides[kReferenceIndex], s.points, Size{6, 6},
-                                    pointCount, 2.0, inlierLimit, g, gh, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                    nullptr, nullptr, nullptr, frames[i], aligned.get(), &box.top, &box.bottom,
-                                    &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i);
+        motion_alignment_detail::alignImages(s.guides[i], s.guides[kReferenceIndex], s.points, Size{6, 6}, pointCount,
+                                             2.0, inlierLimit, g, gh, frames[i], aligned.get(), &box.top, &box.bottom,
+                                             &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i,
+                                             !alignmentFills);
         if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
-        bool another = false;
-        for (int j = i + 1; j < s.frameCount && !another; ++j) another = aligns(j);
-        if (refillInWriteBack && another)
-            writeBackAndRefill(aligned.get(), frames[i], samples);
-        else
-            writeBackClamped(aligned.get(), frames[i], samples);
+        writeBackClamped(aligned.get(), frames[i], samples);
     }
     return usable;
 }

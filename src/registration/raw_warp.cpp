@@ -221,11 +221,14 @@ void writeSpan(const Span& span, int y, const short* src, short* dst, std::size_
 }
 
 // Collects the written quads of one row into spans and blends each span once.
+// With gap filling, every quad of [rowBegin, rowEnd) that no span covers gets -1
+// on both of its raw rows, as a destination pre-filled with -1 would hold.
 class SpanWriter {
 public:
-    SpanWriter(int y, const short* src, short* dst, std::size_t stride, const float (*table)[10][4])
-        : y_(y), src_(src), dst_(dst), stride_(stride), table_(table) {}
-    ~SpanWriter() { flush(); }
+    SpanWriter(int y, const short* src, short* dst, std::size_t stride, const float (*table)[10][4], bool fillGaps,
+               ll rowBegin, ll rowEnd)
+        : y_(y), src_(src), dst_(dst), stride_(stride), table_(table), fillGaps_(fillGaps), cursor_(rowBegin),
+          rowEnd_(rowEnd) {}
 
     // Adds output quads [begin, end) of a run; consecutive runs with the same
     // source rows, weights and shift extend the open span.
@@ -243,16 +246,35 @@ public:
     void extend(ll end) { span_.end = end; }
 
     void flush() {
-        if (open_) writeSpan(span_, y_, src_, dst_, stride_, table_);
+        if (!open_) return;
+        fillUpTo(span_.begin);
+        writeSpan(span_, y_, src_, dst_, stride_, table_);
+        cursor_ = span_.end;
         open_ = false;
+    }
+    void finishRow() {
+        flush();
+        fillUpTo(rowEnd_);
     }
 
 private:
+    void fillUpTo(ll end) {
+        if (!fillGaps_ || end <= cursor_) return;
+        for (int dr = 0; dr < 2; ++dr) {
+            short* row = dst_ + (2 * static_cast<std::size_t>(y_) + dr) * stride_;
+            std::fill(row + 2 * cursor_, row + 2 * end, static_cast<short>(-1));
+        }
+        cursor_ = end;
+    }
+
     int y_;
     const short* src_;
     short* dst_;
     std::size_t stride_;
     const float (*table_)[10][4];
+    bool fillGaps_;
+    ll cursor_;
+    ll rowEnd_;
     Span span_{};
     bool open_ = false;
 };
@@ -311,7 +333,7 @@ int warpPlain(Rect region, const double* h, int quadCols, int quadRows, int* rep
 }
 
 int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
-             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc) {
+             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc, bool fillGaps) {
     if (region.x == 0 && region.y == 0) {
         *topAcc = 0;
         *bottomAcc = quadRows - 1;
@@ -337,7 +359,8 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
     for (ll yy = rowBegin; yy < rowEnd; ++yy) {
         const int y = static_cast<int>(yy);
         bool rowTracked = false;
-        SpanWriter writer(y, srcRaw, dstRaw, stride, table);
+        SpanWriter writer(y, srcRaw, dstRaw, stride, table, fillGaps, std::max(static_cast<ll>(region.x), 0LL),
+                          std::min(right, static_cast<ll>(quadCols)));
         if (planned && planner.planRow(h, y, runs, quadCols, quadRows)) {
             const unsigned char* state = planner.state.data();
             int i = 0;
@@ -369,7 +392,7 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
                 x0 = x1;
             } while (x1 < right);
         }
-        writer.flush();
+        writer.finishRow();
         if (rowTracked) {
             if (touchesTop && y < firstRow) firstRow = y;
             if (touchesBottom && y > lastRow) lastRow = y;
@@ -387,7 +410,7 @@ int qnWarpImgRaw(Rect region, Matrix model, int quadCols, int quadRows, int /*sp
                  short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc) {
     if (kUseFastPaths)
         return raw_warp_detail::warpRuns(region, model.data, quadCols, quadRows, reportedTop, reportedBottom, srcRaw,
-                                         dstRaw, topAcc, bottomAcc);
+                                         dstRaw, topAcc, bottomAcc, false);
     return raw_warp_detail::warpPlain(region, model.data, quadCols, quadRows, reportedTop, reportedBottom, srcRaw,
                                       dstRaw, topAcc, bottomAcc);
 }

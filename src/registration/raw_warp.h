@@ -31,9 +31,11 @@ namespace raw_warp_detail {
 // warpPlain follows the definition quad by quad and site by site; warpRuns plans
 // a whole row of runs at once and blends consecutive runs that read the same
 // source rows with the same weights and shift as one vectorised span. Both give
-// the same samples and bounds for every model.
+// the same samples and bounds for every model. With fillGaps, warpRuns also writes
+// -1 into every quad of the rectangle (inside the frame) that it does not blend:
+// the result a destination pre-filled with -1 would hold, without the fill.
 int warpPlain(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
               const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
 int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
-             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
+             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc, bool fillGaps);
 }  // namespace raw_warp_detail
