@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -148,6 +149,18 @@ void fillBorder(short* output, int width, int height, const USERZOOM& zoom) {
     fillRows(output, width, bottom, height);
 }
 
+bool outputApartFromFrames(short** frames, int frameCount, const short* output, int width, int height) {
+    const size_t samples = static_cast<size_t>(width) * height;
+    const auto lo = reinterpret_cast<std::uintptr_t>(output);
+    const auto hi = reinterpret_cast<std::uintptr_t>(output + samples);
+    for (int i = 0; i < frameCount; ++i) {
+        const auto a = reinterpret_cast<std::uintptr_t>(frames[i]);
+        const auto b = reinterpret_cast<std::uintptr_t>(frames[i] + samples);
+        if (a < hi && lo < b) return false;
+    }
+    return true;
+}
+
 struct ValidBox {
     int top, bottom, left, right;  // in quads (two raw samples)
 };
@@ -155,12 +168,14 @@ struct ValidBox {
 // Aligns every frame still in use onto the reference and writes it back over the
 // caller's frame. Returns the number of usable frames left.
 int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int width, int height,
-                double inlierLimit, ValidBox& box) {
+                double inlierLimit, ValidBox& box, short* scratch) {
     const int g = width / 4, gh = height / 4;
     const size_t samples = static_cast<size_t>(width) * height;
-    // One raw alignment buffer for all frames. (The alignment's spare gray buffer is
-    // never read, so none is allocated for it.)
-    std::unique_ptr<short[]> aligned(new short[samples]);
+    // One raw alignment buffer for all frames: the caller's scratch when given, else
+    // a buffer of our own. (The alignment's spare gray buffer is never read, so
+    // none is allocated for it.)
+    std::unique_ptr<short[]> owned(scratch != nullptr ? nullptr : new short[samples]);
+    short* const alignedBuffer = scratch != nullptr ? scratch : owned.get();
     // The plain form fills the buffer with -1 before every alignment. The fast form
     // lets the alignment write every sample itself (-1 where the warp has no
     // source), which leaves the same buffer; it needs the warp's cells to tile the
@@ -168,14 +183,14 @@ int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int
     const bool alignmentFills = kUseFastPaths && width % 8 == 0 && height % 8 == 0;
     for (int i = 0; i < s.frameCount; ++i) {
         if (i == kReferenceIndex || s.rejectFlags[i] == 1) continue;
-        if (!alignmentFills) std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+        if (!alignmentFills) std::fill(alignedBuffer, alignedBuffer + samples, static_cast<short>(-1));
         int ambiguous = 0;
         motion_alignment_detail::alignImages(s.guides[i], s.guides[kReferenceIndex], s.points, Size{6, 6}, pointCount,
-                                             2.0, inlierLimit, g, gh, frames[i], aligned.get(), &box.top, &box.bottom,
+                                             2.0, inlierLimit, g, gh, frames[i], alignedBuffer, &box.top, &box.bottom,
                                              &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i,
                                              !alignmentFills);
         if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
-        writeBackClamped(aligned.get(), frames[i], samples);
+        writeBackClamped(alignedBuffer, frames[i], samples);
     }
     return usable;
 }
@@ -215,7 +230,13 @@ void qnFrameRegistration(short** frames, short* output, int frameCount, int* usa
         bool merged = false;
         if (detected && pointCount >= minFeatureCount && *usableFrameCount != 1) {
             ValidBox box{0, height / 2 - 1, 0, width / 2 - 1};
-            *usableFrameCount = alignFrames(frames, s, pointCount, *usableFrameCount, width, height, inlierLimit, box);
+            // Unless only aligning, every path from here writes all of output (the
+            // merge or the reference copy), so until then its memory can serve as
+            // the alignment buffer, provided it is none of the frames.
+            const bool outputIsScratch =
+                kUseFastPaths && !alignOnly && outputApartFromFrames(frames, frameCount, output, width, height);
+            *usableFrameCount = alignFrames(frames, s, pointCount, *usableFrameCount, width, height, inlierLimit, box,
+                                            outputIsScratch ? output : nullptr);
             if (*usableFrameCount > 1) {
                 // Valid area in samples: 10 in from the top and left, 12 short of the
                 // last row and column.
