@@ -213,26 +213,38 @@ TEST(RawWarp, RunsMatchPlainFormOnRandomModelsAndFrames) {
 }
 
 // With gap filling, cells that tile the frame write every sample of a destination
-// holding anything: the result equals the plain warp into a buffer of -1.
+// holding anything: the result equals the plain warp into a buffer of -1, both for
+// one call per cell and for the cells walked together row by row.
 TEST(RawWarp, GapFillingEqualsAPrefilledDestination) {
     std::mt19937 rng(6);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
     for (int quadCols : {4, 8, 12, 36, 68})
         for (int quadRows : {4, 12, 20})
             for (int trial = 0; trial < 8; ++trial) {
-                RawFrames fast(quadCols, quadRows, rng);
-                RawFrames plain = fast;
-                for (short& v : fast.dst) v = static_cast<short>(rng());
-                Bounds fb, pb;
+                RawFrames byCell(quadCols, quadRows, rng);
+                RawFrames plain = byCell;
+                for (short& v : byCell.dst) v = static_cast<short>(rng());
+                RawFrames byRows = byCell;
+                Bounds cb{9, 2, 0, 0}, pb = cb, rb = cb;  // stale accumulators
                 const double reach = trial < 4 ? 0.2 : 1.5;  // sources far outside leave wide gaps
-                for (const Rect& r : cells(quadCols, quadRows)) {
-                    double h[9] = {1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * reach * unit(rng),
-                                   0.1 * unit(rng), 1 + 0.1 * unit(rng), quadRows * reach * unit(rng), 0, 0, 1};
-                    runsWarp(fast, r, h, fb, true);
-                    plainWarp(plain, r, h, pb);
+                const std::vector<Rect> grid = cells(quadCols, quadRows);
+                std::vector<std::vector<double>> models;
+                std::vector<const double*> modelPtrs;
+                for (size_t c = 0; c < grid.size(); ++c)
+                    models.push_back({1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * reach * unit(rng),
+                                      0.1 * unit(rng), 1 + 0.1 * unit(rng), quadRows * reach * unit(rng), 0, 0, 1});
+                for (size_t c = 0; c < grid.size(); ++c) {
+                    runsWarp(byCell, grid[c], models[c].data(), cb, true);
+                    plainWarp(plain, grid[c], models[c].data(), pb);
+                    modelPtrs.push_back(models[c].data());
                 }
-                ASSERT_EQ(fast.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
-                expectSameBounds(fb, pb);
+                raw_warp_detail::warpCellsByRows(grid.data(), modelPtrs.data(), 16, quadCols, quadRows,
+                                                 &rb.reportedTop, &rb.reportedBottom, byRows.src.data(),
+                                                 byRows.dst.data(), &rb.top, &rb.bottom, true);
+                ASSERT_EQ(byCell.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                ASSERT_EQ(byRows.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                expectSameBounds(cb, pb);
+                expectSameBounds(rb, pb);
             }
 }
 

@@ -269,16 +269,24 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
     const int quadCols = 2 * width, quadRows = 2 * height;
     int top = 0, bottom = quadRows - 1;
     int reportedTop = 0, reportedBottom = 0;
+    Rect rects[kGridSide * kGridSide];
+    const double* models[kGridSide * kGridSide];
     for (int c = 0; c < kGridSide * kGridSide; ++c) {
         GridCell& cell = grid.cells[c];
         ensureModel(cell.inverseHomography);
-        const Rect rect{cell.x, cell.y, cell.width, cell.height};
-        if (dstPrefilled)
-            qnWarpImgRaw(rect, cell.inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr, nullptr,
-                         nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw, &top, &bottom);
-        else  // the cells tile the frame, so every quad is written once
-            raw_warp_detail::warpRuns(rect, cell.inverseHomography.data, quadCols, quadRows, &reportedTop,
-                                      &reportedBottom, srcRaw, dstRaw, &top, &bottom, true);
+        rects[c] = Rect{cell.x, cell.y, cell.width, cell.height};
+        models[c] = cell.inverseHomography.data;
+    }
+    if (dstPrefilled) {
+        for (int c = 0; c < kGridSide * kGridSide; ++c)
+            qnWarpImgRaw(rects[c], grid.cells[c].inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr,
+                         nullptr, nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw,
+                         &top, &bottom);
+    } else {
+        // The cells tile the frame, so every quad is written once; the cells of a
+        // grid row are warped together row by row.
+        raw_warp_detail::warpCellsByRows(rects, models, kGridSide * kGridSide, quadCols, quadRows, &reportedTop,
+                                         &reportedBottom, srcRaw, dstRaw, &top, &bottom, true);
     }
 
     const int lastRow = quadRows - 1;

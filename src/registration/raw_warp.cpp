@@ -284,6 +284,85 @@ bool runsFitInInt(Rect region, int quadCols) {
     return region.x > -(1 << 29) && right < (1 << 29) && quadCols < (1 << 29);
 }
 
+
+// The rows of one rectangle warped by runs: warpRow(y) does one output quad row
+// and tracks it as the first or last row when the rectangle touches the top or
+// the bottom of the frame.
+struct CellWarp {
+    Rect region;
+    const double* h;
+    int quadCols, quadRows;
+    const short* src;
+    short* dst;
+    bool fillGaps;
+    ll right, rowBegin, rowEnd;
+    std::size_t stride;
+    int runs;
+    bool planned;
+    bool touchesTop, touchesBottom;
+    int firstRow, lastRow;
+    float table[10][10][4];
+    RowPlanner planner;
+
+    CellWarp(Rect r, const double* model, int cols, int rows, const short* srcRaw, short* dstRaw, bool fill)
+        : region(r), h(model), quadCols(cols), quadRows(rows), src(srcRaw), dst(dstRaw), fillGaps(fill),
+          right(static_cast<ll>(r.x) + r.width),
+          // Rows outside the frame have nothing to write, and leaving them out cannot
+          // change the tracked rows: a rectangle that starts at row 0 or ends at the
+          // last row only tracks rows inside the frame.
+          rowBegin(std::max(static_cast<ll>(r.y), 0LL)),
+          rowEnd(std::min(static_cast<ll>(r.y) + r.height, static_cast<ll>(rows))),
+          stride(2 * static_cast<std::size_t>(std::max(cols, 0))),
+          runs(r.width > 0 ? static_cast<int>((static_cast<ll>(r.width) + kRunQuads - 1) / kRunQuads) : 1),
+          planned(r.width > 0 && runsFitInInt(r, cols)), touchesTop(r.y == 0),
+          touchesBottom(static_cast<ll>(r.y) + r.height == rows), firstRow(rows - 1), lastRow(0),
+          planner(r.x, right, planned ? runs : 0) {
+        buildBilinearTable(table);
+    }
+
+    void warpRow(int y) {
+        bool rowTracked = false;
+        SpanWriter writer(y, src, dst, stride, table, fillGaps, std::max(static_cast<ll>(region.x), 0LL),
+                          std::min(right, static_cast<ll>(quadCols)));
+        if (planned && planner.planRow(h, y, runs, quadCols, quadRows)) {
+            const unsigned char* state = planner.state.data();
+            int i = 0;
+            while (i < runs) {
+                if (state[i] == kRunSkipped) {
+                    ++i;
+                    continue;
+                }
+                rowTracked = true;
+                const int weight = planner.weight[i];
+                const int s0 = planner.shift[i] + planner.x0[i];
+                const WriteRange range = clipRun(planner.x0[i], planner.x1[i], s0, quadCols);
+                writer.add(planner.r0[i], weight / 10, weight % 10, planner.shift[i], range.begin, range.end);
+                // Runs that join this one only move the span's end.
+                const int first = i++;
+                while (i < runs && state[i] == kRunJoins) ++i;
+                if (i - 1 > first) writer.extend(planner.x1[i - 1]);
+            }
+        } else {
+            ll x0 = region.x, x1;
+            do {
+                x1 = std::min(x0 + kRunQuads, right);
+                const RawRun run = planRunPlain(h, x0, x1, y, quadRows);
+                if (!run.skipped) {
+                    rowTracked = true;
+                    const WriteRange range = clipRun(x0, x1, run.s0, quadCols);
+                    writer.add(run.r0, run.fy, run.fx, run.s0 - x0, range.begin, range.end);
+                }
+                x0 = x1;
+            } while (x1 < right);
+        }
+        writer.finishRow();
+        if (rowTracked) {
+            if (touchesTop && y < firstRow) firstRow = y;
+            if (touchesBottom && y > lastRow) lastRow = y;
+        }
+    }
+};
+
 }  // namespace
 
 namespace raw_warp_detail {
@@ -338,67 +417,36 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
         *topAcc = 0;
         *bottomAcc = quadRows - 1;
     }
-    float table[10][10][4];
-    buildBilinearTable(table);
-    const ll right = static_cast<ll>(region.x) + region.width;
-    const ll bottomRow = static_cast<ll>(region.y) + region.height;
-    const bool touchesTop = region.y == 0;
-    const bool touchesBottom = bottomRow == quadRows;
-    int firstRow = quadRows - 1, lastRow = 0;
+    CellWarp cell(region, h, quadCols, quadRows, srcRaw, dstRaw, fillGaps);
+    for (ll y = cell.rowBegin; y < cell.rowEnd; ++y) cell.warpRow(static_cast<int>(y));
+    updateBounds(region, quadRows, cell.firstRow, cell.lastRow, reportedTop, reportedBottom, topAcc, bottomAcc);
+    return 0;
+}
 
-    // Rows outside the frame have nothing to write, and leaving them out cannot
-    // change the tracked rows: a rectangle that starts at row 0 or ends at the last
-    // row only tracks rows inside the frame.
-    const ll rowBegin = std::max(static_cast<ll>(region.y), 0LL);
-    const ll rowEnd = std::min(bottomRow, static_cast<ll>(quadRows));
-    const std::size_t stride = 2 * static_cast<std::size_t>(std::max(quadCols, 0));
-    const int runs = region.width > 0 ? static_cast<int>((static_cast<ll>(region.width) + kRunQuads - 1) / kRunQuads) : 1;
-    const bool planned = region.width > 0 && runsFitInInt(region, quadCols);
-    RowPlanner planner(region.x, right, planned ? runs : 0);
-
-    for (ll yy = rowBegin; yy < rowEnd; ++yy) {
-        const int y = static_cast<int>(yy);
-        bool rowTracked = false;
-        SpanWriter writer(y, srcRaw, dstRaw, stride, table, fillGaps, std::max(static_cast<ll>(region.x), 0LL),
-                          std::min(right, static_cast<ll>(quadCols)));
-        if (planned && planner.planRow(h, y, runs, quadCols, quadRows)) {
-            const unsigned char* state = planner.state.data();
-            int i = 0;
-            while (i < runs) {
-                if (state[i] == kRunSkipped) {
-                    ++i;
-                    continue;
-                }
-                rowTracked = true;
-                const int weight = planner.weight[i];
-                const int s0 = planner.shift[i] + planner.x0[i];
-                const WriteRange range = clipRun(planner.x0[i], planner.x1[i], s0, quadCols);
-                writer.add(planner.r0[i], weight / 10, weight % 10, planner.shift[i], range.begin, range.end);
-                // Runs that join this one only move the span's end.
-                const int first = i++;
-                while (i < runs && state[i] == kRunJoins) ++i;
-                if (i - 1 > first) writer.extend(planner.x1[i - 1]);
-            }
-        } else {
-            ll x0 = region.x, x1;
-            do {
-                x1 = std::min(x0 + kRunQuads, right);
-                const RawRun run = planRunPlain(h, x0, x1, y, quadRows);
-                if (!run.skipped) {
-                    rowTracked = true;
-                    const WriteRange range = clipRun(x0, x1, run.s0, quadCols);
-                    writer.add(run.r0, run.fy, run.fx, run.s0 - x0, range.begin, range.end);
-                }
-                x0 = x1;
-            } while (x1 < right);
-        }
-        writer.finishRow();
-        if (rowTracked) {
-            if (touchesTop && y < firstRow) firstRow = y;
-            if (touchesBottom && y > lastRow) lastRow = y;
-        }
+int warpCellsByRows(const Rect* regions, const double* const* models, int cellCount, int quadCols, int quadRows,
+                    int* reportedTop, int* reportedBottom, const short* srcRaw, short* dstRaw, int* topAcc,
+                    int* bottomAcc, bool fillGaps) {
+    std::vector<CellWarp> cells;
+    cells.reserve(static_cast<std::size_t>(std::max(cellCount, 0)));
+    for (int c = 0; c < cellCount; ++c) cells.emplace_back(regions[c], models[c], quadCols, quadRows, srcRaw, dstRaw, fillGaps);
+    // Consecutive cells that share their rows are walked together, row by row.
+    for (int c = 0; c < cellCount;) {
+        int end = c + 1;
+        while (end < cellCount && regions[end].y == regions[c].y && regions[end].height == regions[c].height) ++end;
+        for (ll y = cells[c].rowBegin; y < cells[c].rowEnd; ++y)
+            for (int k = c; k < end; ++k) cells[k].warpRow(static_cast<int>(y));
+        c = end;
     }
-    updateBounds(region, quadRows, firstRow, lastRow, reportedTop, reportedBottom, topAcc, bottomAcc);
+    // The bounds as the calls one cell at a time leave them: they depend only on
+    // each cell's first and last tracked rows, taken in cell order.
+    for (int c = 0; c < cellCount; ++c) {
+        if (regions[c].x == 0 && regions[c].y == 0) {
+            *topAcc = 0;
+            *bottomAcc = quadRows - 1;
+        }
+        updateBounds(regions[c], quadRows, cells[c].firstRow, cells[c].lastRow, reportedTop, reportedBottom, topAcc,
+                     bottomAcc);
+    }
     return 0;
 }
 

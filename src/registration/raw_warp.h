@@ -38,4 +38,12 @@ int warpPlain(Rect region, const double* h, int quadCols, int quadRows, int* rep
               const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
 int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
              const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc, bool fillGaps);
+
+// warpRuns over a list of rectangles, with exactly the samples and bounds of one
+// warpRuns call per rectangle in list order, for rectangles that do not overlap.
+// Consecutive rectangles covering the same rows are walked row by row across all
+// of them, which reads and writes whole frame rows in turn.
+int warpCellsByRows(const Rect* regions, const double* const* models, int cellCount, int quadCols, int quadRows,
+                    int* reportedTop, int* reportedBottom, const short* srcRaw, short* dstRaw, int* topAcc,
+                    int* bottomAcc, bool fillGaps);
 }  // namespace raw_warp_detail
