@@ -138,6 +138,8 @@ TEST(CalcMad, IntegerTotalMatchesThePlainSum) {
             const Rect ra{static_cast<int>(rng() % (w - bw + 1)), static_cast<int>(rng() % 8), bw, 1 + trial % 12};
             const Rect rb{static_cast<int>(rng() % (w - bw + 1)), static_cast<int>(rng() % 8), 0, 0};
             ASSERT_TRUE(block_matching_detail::madFitsInteger(ra));
+            ASSERT_EQ(block_matching_detail::madSquares(a.data(), b.data(), ra, rb, w),
+                      block_matching_detail::madPlain(a.data(), b.data(), ra, rb, w, false, tables[0]));
             for (int t = -1; t < 3; ++t) {
                 const int* table = t < 0 ? nullptr : tables[t];
                 ASSERT_EQ(block_matching_detail::madInteger(a.data(), b.data(), ra, rb, w, t < 0, table),

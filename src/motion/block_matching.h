@@ -40,4 +40,7 @@ double madPlain(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb
 double madInteger(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
                   const int* table);
 bool madFitsInteger(Rect ra);
+// madInteger for a table of squares (table[d] == d * d), computed without the
+// table.
+double madSquares(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride);
 }  // namespace block_matching_detail
