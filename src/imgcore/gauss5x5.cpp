@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "imgcore/fast_paths.h"
+
 namespace {
 
 // t(x) = k0*s(x-2) + .. + k4*s(x+2) for x in [2, width-3], wrapped to 16 bits.
@@ -35,6 +37,18 @@ void zeroInterior(uint8_t* dst, int width, int height, int dstStride) {
     }
 }
 
+// The ring form reads source row y + 2 just before writing output row y: safe when
+// the images do not overlap, or when they are the same image with one stride.
+bool ringIsSafe(const uint8_t* src, const uint8_t* dst, int width, int height, int srcStride, int dstStride) {
+    if (srcStride < width || dstStride < width) return false;
+    if (src == dst && srcStride == dstStride) return true;
+    const auto span = [&](const uint8_t* p, int stride) {
+        return reinterpret_cast<std::uintptr_t>(p) + static_cast<std::size_t>(height - 1) * stride + width;
+    };
+    const auto s0 = reinterpret_cast<std::uintptr_t>(src), d0 = reinterpret_cast<std::uintptr_t>(dst);
+    return span(src, srcStride) <= d0 || span(dst, dstStride) <= s0;
+}
+
 }  // namespace
 
 int gauss5x5_u8(const unsigned char* src, unsigned char* dst, int width, int height, int srcStride, int dstStride,
@@ -54,11 +68,28 @@ int gauss5x5_u8(const unsigned char* src, unsigned char* dst, int width, int hei
     }
 
     const std::size_t w = static_cast<std::size_t>(width);
+    const float recip = 1.0f / static_cast<float>(sum * sum);
+    if (kUseFastPaths && ringIsSafe(src, dst, width, height, srcStride, dstStride)) {
+        // Five intermediate rows in a ring instead of the whole intermediate image:
+        // the same values, computed in the same order, without a frame-sized
+        // allocation. An output row is written only after every source row it
+        // needs has gone through the horizontal pass, and a source row is read only
+        // before the output row of the same index is written, so in-place use
+        // reads the input as it was.
+        std::unique_ptr<uint16_t[]> ring(new uint16_t[5 * w]);
+        auto ringRow = [&](int y) { return ring.get() + static_cast<std::size_t>(y % 5) * w; };
+        for (int y = 0; y < 4; ++y) horizontalRow(src + static_cast<std::ptrdiff_t>(y) * srcStride, ringRow(y), width, kernel);
+        for (int y = 2; y < height - 2; ++y) {
+            horizontalRow(src + static_cast<std::ptrdiff_t>(y + 2) * srcStride, ringRow(y + 2), width, kernel);
+            verticalRow(ringRow(y - 2), ringRow(y - 1), ringRow(y), ringRow(y + 1), ringRow(y + 2),
+                        dst + static_cast<std::ptrdiff_t>(y) * dstStride, width, kernel, recip);
+        }
+        return 0;
+    }
     std::unique_ptr<uint16_t[]> tmp(new uint16_t[w * static_cast<std::size_t>(height)]);
     for (int y = 0; y < height; ++y)
         horizontalRow(src + static_cast<std::ptrdiff_t>(y) * srcStride, tmp.get() + y * w, width, kernel);
 
-    const float recip = 1.0f / static_cast<float>(sum * sum);
     for (int y = 2; y < height - 2; ++y) {
         const uint16_t* t = tmp.get() + (y - 2) * w;
         verticalRow(t, t + w, t + 2 * w, t + 3 * w, t + 4 * w, dst + static_cast<std::ptrdiff_t>(y) * dstStride,

@@ -79,16 +79,19 @@ void blurRowVertical(const uint16_t* __restrict h0, const uint16_t* __restrict h
     }
 }
 
+// Five horizontal rows in a ring: output row y is written after source rows up to
+// y + 2 have been read and before row y + 3 is, so in-place use reads the input as
+// it was (src and dst must be the same image or not overlap).
 template <bool Box>
 void blurSeparable(const unsigned char* src, unsigned char* dst, int width, int height) {
-    // Every source row is consumed by the horizontal pass before dst is written,
-    // so in-place use reads the input as it was before the call.
     const std::size_t w = static_cast<std::size_t>(width);
-    std::vector<uint16_t> horiz(w * static_cast<std::size_t>(height));
-    for (int y = 0; y < height; ++y) blurRowHorizontal<Box>(src + y * w, horiz.data() + y * w, width);
+    std::vector<uint16_t> ring(5 * w);
+    auto ringRow = [&](int y) { return ring.data() + static_cast<std::size_t>(y % 5) * w; };
+    for (int y = 0; y < 4; ++y) blurRowHorizontal<Box>(src + y * w, ringRow(y), width);
     for (int y = 2; y < height - 2; ++y) {
-        const uint16_t* h = horiz.data() + (y - 2) * w;
-        blurRowVertical<Box>(h, h + w, h + 2 * w, h + 3 * w, h + 4 * w, dst + y * w, width);
+        blurRowHorizontal<Box>(src + (y + 2) * w, ringRow(y + 2), width);
+        blurRowVertical<Box>(ringRow(y - 2), ringRow(y - 1), ringRow(y), ringRow(y + 1), ringRow(y + 2), dst + y * w,
+                             width);
     }
 }
 
@@ -129,7 +132,9 @@ void guide_detail::blurPlain(unsigned char* src, unsigned char* dst, int width, 
 void conImageBlur(unsigned char* src, unsigned char* dst, int width, int height, float blurSelect) {
     const bool box = blurSelect > 510.0;  // NaN selects the smoothing kernel
     if (height < 5 || width < 5) return;
-    if (!kUseFastPaths)
+    const std::size_t n = static_cast<std::size_t>(width) * height;
+    const bool apart = src == dst || src + n <= dst || dst + n <= src;
+    if (!kUseFastPaths || !apart)
         guide_detail::blurPlain(src, dst, width, height, box);
     else if (box)
         blurSeparable<true>(src, dst, width, height);
