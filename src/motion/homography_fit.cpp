@@ -47,9 +47,10 @@ bool allFinite(const Matrix& m) {
 // weighted by W, and writes the result into the 2x3 H. Every product goes through
 // matrix_dot_product in the association ((Ninv * P) * b) with N = P * A, so that
 // results agree to the last bit.
-int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Matrix* W, Matrix& H) {
+int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Matrix* W, Matrix& H,
+                         const double* diagonal = nullptr) {
     const size_t count = static_cast<size_t>(n);
-    std::vector<double> a(3 * count), at(3 * count), weighted(W ? 3 * count : 0), m(3 * count);
+    std::vector<double> a(3 * count), at(3 * count), weighted(W || diagonal ? 3 * count : 0), m(3 * count);
     std::vector<double> bx(count), by(count);
     for (size_t i = 0; i < count; ++i) {
         a[3 * i] = src[i].x;
@@ -69,6 +70,12 @@ int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Ma
             weightedTransposeProduct(At, *W, P);
         else
             matrix_dot_product(At, *W, P);
+    } else if (diagonal) {
+        // The full product with a diagonal weight matrix: each element reduces to
+        // +0.0 + At(i,j) * w_j while At is finite (see weightedTransposeProduct).
+        P = matrixWrap(weighted.data(), 3, n);
+        for (int i = 0; i < 3; ++i)
+            for (size_t j = 0; j < count; ++j) weighted[i * count + j] = 0.0 + at[i * count + j] * diagonal[j];
     }
 
     double normal[9], normalInverse[9];
@@ -180,6 +187,19 @@ int calc_homo_wlsq(Point2f* src, Point2f* dst, Matrix& H, Matrix W, int n) {
     if (!isModelShape(H)) return 1;
     if (W.rows != n || W.cols != n || W.data == nullptr) return 1;
     return solveNormalEquations(src, dst, n, &W, H);
+}
+
+int calcHomoWlsqDiagonal(const Point2f* src, const Point2f* dst, Matrix& H, const double* weights, int n) {
+    if (n > kMaxCorrespondences) return 1;
+    if (H.state == 0) allocateModel(H);
+    if (n < 3) {
+        setIdentity(H);
+        return 1;
+    }
+    if (!isModelShape(H)) return 1;
+    for (int i = 0; i < n; ++i)
+        if (!std::isfinite(src[i].x) || !std::isfinite(src[i].y)) return -1;
+    return solveNormalEquations(src, dst, n, nullptr, H, weights);
 }
 
 double linearity_error(Point2f* pts, int n) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "motion/block_match_types.h"
 #include "motion/block_matching.h"
 #include "motion/homography_fit.h"
@@ -132,22 +133,30 @@ void fillFromNeighbourhood(const Matrix& H, const GridCell& cell, Matches& m, do
     }
 }
 
+// One weighted fit with the diagonal weights w: through the k x k weight matrix
+// as defined, or (fast form) from the diagonal alone.
+void fitWeighted(const Point2f* src, const Point2f* dst, Matrix& H, const std::vector<double>& w, int k) {
+    if (kUseFastPaths && calcHomoWlsqDiagonal(src, dst, H, w.data(), k) != -1) return;
+    std::vector<double> weights(static_cast<size_t>(k) * k, 0.0);
+    for (int i = 0; i < k; ++i) weights[static_cast<size_t>(i) * k + i] = w[static_cast<size_t>(i)];
+    calc_homo_wlsq(const_cast<Point2f*>(src), const_cast<Point2f*>(dst), H, matrixWrap(weights.data(), k, k), k);
+}
+
 // Weighted fits in both directions and the weighted RMS transfer error.
 void fitCellModels(GridCell& cell, CellPoints& pts, double weightScale) {
     const int k = pts.count;
-    std::vector<double> weights(static_cast<size_t>(k) * k, 0.0);
-    for (int i = 0; i < k; ++i) weights[static_cast<size_t>(i) * k + i] = std::exp(-(pts.error[i] * weightScale));
-    const Matrix W = matrixWrap(weights.data(), k, k);
-    calc_homo_wlsq(pts.current.data(), pts.reference.data(), cell.homography, W, k);
-    calc_homo_wlsq(pts.reference.data(), pts.current.data(), cell.inverseHomography, W, k);
+    std::vector<double> w(static_cast<size_t>(k));
+    for (int i = 0; i < k; ++i) w[static_cast<size_t>(i)] = std::exp(-(pts.error[i] * weightScale));
+    fitWeighted(pts.current.data(), pts.reference.data(), cell.homography, w, k);
+    fitWeighted(pts.reference.data(), pts.current.data(), cell.inverseHomography, w, k);
     ensureModel(cell.homography);
     ensureModel(cell.inverseHomography);
 
     double s = 0.0;
     for (int i = 0; i < k; ++i) {
-        const double w = weights[static_cast<size_t>(i) * k + i];
+        const double wi = w[static_cast<size_t>(i)];
         const double e = calc_homo_error(cell.homography, pts.current[i], pts.reference[i]);
-        s += w * (e * w);
+        s += wi * (e * wi);
     }
     cell.fitError = std::fabs(std::sqrt(s / static_cast<double>(k - 1)));
 }
