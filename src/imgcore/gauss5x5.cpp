@@ -5,11 +5,13 @@
 #include <memory>
 
 #include "imgcore/fast_paths.h"
+#include "imgcore/simd_clones.h"
 
 namespace {
 
 // t(x) = k0*s(x-2) + .. + k4*s(x+2) for x in [2, width-3], wrapped to 16 bits.
 // Columns 0, 1, width-2 and width-1 of t are left unwritten.
+KEP_SIMD_CLONES
 void horizontalRow(const uint8_t* __restrict s, uint16_t* __restrict t, int width, const uint8_t* kernel) {
     const int k0 = kernel[0], k1 = kernel[1], k2 = kernel[2], k3 = kernel[3], k4 = kernel[4];
     for (int x = 2; x < width - 2; ++x)
@@ -20,6 +22,7 @@ void horizontalRow(const uint8_t* __restrict s, uint16_t* __restrict t, int widt
 // reciprocal of S*S. u <= S * 65535 and u <= 255 * S*S, so u * recip stays below
 // 256 and fits the int conversion; u itself is below 2^31, so converting it via
 // int gives the same float as via unsigned.
+KEP_SIMD_CLONES
 void verticalRow(const uint16_t* __restrict t0, const uint16_t* __restrict t1, const uint16_t* __restrict t2,
                  const uint16_t* __restrict t3, const uint16_t* __restrict t4, uint8_t* __restrict d, int width,
                  const uint8_t* kernel, float recip) {
