@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -53,9 +54,10 @@ TEST(MotionAlignment, NoMatchesGiveNoGlobalModelAndRejectTheFrameBeforeWarping) 
 }
 
 // The driver's fast form hands the alignment a buffer holding anything and lets
-// it write every sample: the buffer must end exactly as a pre-filled one would,
-// for aligned frames, frames with blank borders and frames rejected before the
-// warp (ambiguity), bounds and flags alike.
+// it write every sample, and has it write the clamped result back over the source
+// frame as the warp goes: the buffer must end exactly as a pre-filled one would
+// and the frame as its clamped copy, for aligned frames, frames with blank borders
+// and frames rejected before the warp (ambiguity), bounds and flags alike.
 TEST(MotionAlignment, UnfilledDestinationEndsAsAPrefilledOne) {
     const int rawW = 480, rawH = 384, width = rawW / 4, height = rawH / 4;
     kep::synth::Scene scene(rawW, rawH, 5);
@@ -73,7 +75,7 @@ TEST(MotionAlignment, UnfilledDestinationEndsAsAPrefilledOne) {
     std::vector<unsigned char> mask(width * height, 255);
     for (int frame : {0, 3, 4})
         for (double ambiguousShare : {0.0, 0.9}) {
-            std::vector<short> dst[2];
+            std::vector<short> dst[2], written;
             int box[2][4];
             char reject[2];
             for (int form = 0; form < 2; ++form) {
@@ -92,8 +94,13 @@ TEST(MotionAlignment, UnfilledDestinationEndsAsAPrefilledOne) {
                 motion_alignment_detail::alignImages(guides[frame].data(), guides[2].data(), grid.list, Size{6, 6}, count,
                                                      2.0, 1.0, width, height, src.data(), dst[form].data(), &box[form][0],
                                                      &box[form][1], &box[form][2], &box[form][3], &reject[form],
-                                                     &ambiguous, count, frame, form == 0);
+                                                     &ambiguous, count, frame, form == 0,
+                                                     form == 0 ? nullptr : src.data());
+                if (form == 1) written = src;
             }
+            std::vector<short> clamped(dst[0].size());
+            for (size_t k = 0; k < clamped.size(); ++k) clamped[k] = static_cast<short>(std::min(std::max<int>(dst[0][k], 0), 1023));
+            ASSERT_EQ(written, clamped) << "frame " << frame << " written back";
             EXPECT_EQ(reject[0], reject[1]) << frame;
             EXPECT_EQ(std::vector<int>(box[0], box[0] + 4), std::vector<int>(box[1], box[1] + 4)) << frame;
             ASSERT_EQ(dst[0], dst[1]) << "frame " << frame << " ambiguous " << ambiguousShare;

@@ -219,30 +219,36 @@ TEST(RawWarp, GapFillingEqualsAPrefilledDestination) {
     std::mt19937 rng(6);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
     for (int quadCols : {4, 8, 12, 36, 68})
-        for (int quadRows : {4, 12, 20})
+        for (int quadRows : {4, 12, 20, 44})
             for (int trial = 0; trial < 8; ++trial) {
-                RawFrames byCell(quadCols, quadRows, rng);
+                RawFrames byCell(quadCols, quadRows, rng, -40, 1100);
                 RawFrames plain = byCell;
                 for (short& v : byCell.dst) v = static_cast<short>(rng());
                 RawFrames byRows = byCell;
                 Bounds cb{9, 2, 0, 0}, pb = cb, rb = cb;  // stale accumulators
                 const double reach = trial < 4 ? 0.2 : 1.5;  // sources far outside leave wide gaps
+                const double tilt = trial % 2 ? 0.5 : 0.1;      // source rows far above or below
                 const std::vector<Rect> grid = cells(quadCols, quadRows);
                 std::vector<std::vector<double>> models;
                 std::vector<const double*> modelPtrs;
                 for (size_t c = 0; c < grid.size(); ++c)
                     models.push_back({1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * reach * unit(rng),
-                                      0.1 * unit(rng), 1 + 0.1 * unit(rng), quadRows * reach * unit(rng), 0, 0, 1});
+                                      tilt * unit(rng), 1 + tilt * unit(rng), quadRows * reach * unit(rng), 0, 0, 1});
                 for (size_t c = 0; c < grid.size(); ++c) {
                     runsWarp(byCell, grid[c], models[c].data(), cb, true);
                     plainWarp(plain, grid[c], models[c].data(), pb);
                     modelPtrs.push_back(models[c].data());
                 }
+                // The clamped copy goes over the source itself, row by row as the warp
+                // stops reading it.
                 raw_warp_detail::warpCellsByRows(grid.data(), modelPtrs.data(), 16, quadCols, quadRows,
                                                  &rb.reportedTop, &rb.reportedBottom, byRows.src.data(),
-                                                 byRows.dst.data(), &rb.top, &rb.bottom, true);
+                                                 byRows.dst.data(), &rb.top, &rb.bottom, true, byRows.src.data());
                 ASSERT_EQ(byCell.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
                 ASSERT_EQ(byRows.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                std::vector<short> clamped(plain.dst.size());
+                raw_warp_detail::clampToTenBits(plain.dst.data(), clamped.data(), clamped.size());
+                ASSERT_EQ(byRows.src, clamped);
                 expectSameBounds(cb, pb);
                 expectSameBounds(rb, pb);
             }
@@ -263,12 +269,20 @@ TEST(RawWarp, NonFiniteAndHugeModelsStayInsideTheFrames) {
             Bounds fb, pb, gb;
             double h[9] = {1, 0, 0.6, 0, 1, 0.6, 0, 0, 1};
             h[slot] = v;
+            RawFrames inPlace = filled;
+            std::vector<const double*> models(16, h);
             for (const Rect& r : cells(12, 8)) {
                 runsWarp(fast, r, h, fb);
                 runsWarp(filled, r, h, gb, true);
                 plainWarp(plain, r, h, pb);
             }
+            const std::vector<Rect> grid = cells(12, 8);
+            Bounds ib;
+            raw_warp_detail::warpCellsByRows(grid.data(), models.data(), 16, 12, 8, &ib.reportedTop,
+                                             &ib.reportedBottom, inPlace.src.data(), inPlace.dst.data(), &ib.top,
+                                             &ib.bottom, true, inPlace.src.data());
             ASSERT_EQ(filled.dst, plain.dst) << "slot " << slot << " value " << v;
+            ASSERT_EQ(inPlace.dst, plain.dst) << "slot " << slot << " value " << v;
             runsWarp(fast, Rect{-3, -2, 20, 15}, h, fb);  // reaching past the frame as well
             plainWarp(plain, Rect{-3, -2, 20, 15}, h, pb);
             ASSERT_EQ(fast.dst, plain.dst) << "slot " << slot << " value " << v;

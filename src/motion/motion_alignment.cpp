@@ -213,12 +213,16 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
                                          double weightScale, double inlierLimit, int width, int height, short* srcRaw,
                                          short* dstRaw, int* validTop, int* validBottom, int* validLeft,
                                          int* validRight, char* rejectFlag, int* ambiguousCount, int featureTotal,
-                                         int frameIndex, bool dstPrefilled) {
+                                         int frameIndex, bool dstPrefilled, short* writeBack) {
     // An unfilled destination receives -1 wherever the warp leaves it, and all of
     // it when the frame is rejected before the warp.
     const size_t rawSamples = 16 * static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
     auto fillDestination = [&] {
         if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
+    };
+    // On the paths that end before the warp: the whole buffer, as it was left.
+    auto writeBackAll = [&] {
+        if (writeBack != nullptr) raw_warp_detail::clampToTenBits(dstRaw, writeBack, rawSamples);
     };
     if (width % 2 != 0 || height % 2 != 0) {  // the cells would not tile the frame
         fillDestination();
@@ -251,6 +255,7 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
     if (static_cast<unsigned>(frameIndex) >= 2u && static_cast<double>(ambiguousShare) > kMaxAmbiguousShare) {
         *rejectFlag = 1;
         fillDestination();
+        writeBackAll();
         return 0;
     }
 
@@ -268,6 +273,7 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
         matrixRelease(H);
         *rejectFlag = 1;
         fillDestination();
+        writeBackAll();
         return 0;
     }
 
@@ -291,11 +297,13 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
             qnWarpImgRaw(rects[c], grid.cells[c].inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr,
                          nullptr, nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw,
                          &top, &bottom);
+        writeBackAll();
     } else {
         // The cells tile the frame, so every quad is written once; the cells of a
-        // grid row are warped together row by row.
+        // grid row are warped together row by row, and each warped row is written
+        // back as soon as no later row reads it.
         raw_warp_detail::warpCellsByRows(rects, models, kGridSide * kGridSide, quadCols, quadRows, &reportedTop,
-                                         &reportedBottom, srcRaw, dstRaw, &top, &bottom, true);
+                                         &reportedBottom, srcRaw, dstRaw, &top, &bottom, true, writeBack);
     }
 
     const int lastRow = quadRows - 1;
@@ -330,5 +338,5 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     return motion_alignment_detail::alignImages(curGuide, refGuide, grid, halfBlock, featureCount, weightScale,
                                                 inlierLimit, width, height, srcRaw, dstRaw, validTop, validBottom,
                                                 validLeft, validRight, rejectFlag, ambiguousCount, featureTotal,
-                                                frameIndex, true);
+                                                frameIndex, true, nullptr);
 }

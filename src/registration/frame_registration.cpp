@@ -188,9 +188,10 @@ int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int
         motion_alignment_detail::alignImages(s.guides[i], s.guides[kReferenceIndex], s.points, Size{6, 6}, pointCount,
                                              2.0, inlierLimit, g, gh, frames[i], alignedBuffer, &box.top, &box.bottom,
                                              &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i,
-                                             !alignmentFills);
+                                             !alignmentFills, alignmentFills ? frames[i] : nullptr);
         if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
-        writeBackClamped(alignedBuffer, frames[i], samples);
+        // The fast form has had the alignment write the frame back row by row.
+        if (!alignmentFills) writeBackClamped(alignedBuffer, frames[i], samples);
     }
     return usable;
 }

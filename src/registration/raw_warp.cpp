@@ -285,6 +285,12 @@ bool runsFitInInt(Rect region, int quadCols) {
 }
 
 
+// out = in clamped to 0..1023.
+KEP_SIMD_CLONES
+void clampRows(const short* __restrict in, short* __restrict out, std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k) out[k] = static_cast<short>(std::min(std::max<int>(in[k], 0), 1023));
+}
+
 // The rows of one rectangle warped by runs: warpRow(y) does one output quad row
 // and tracks it as the first or last row when the rectangle touches the top or
 // the bottom of the frame.
@@ -318,6 +324,20 @@ struct CellWarp {
           touchesBottom(static_cast<ll>(r.y) + r.height == rows), firstRow(rows - 1), lastRow(0),
           planner(r.x, right, planned ? runs : 0) {
         buildBilinearTable(table);
+    }
+
+    // A lower bound of the source quad rows that output row y reads: the source row
+    // along a row is monotone in the run centre, so its least value is at the first
+    // or the last run; runs above the frame read nothing.
+    int lowestSourceRow(int y) const {
+        const ll firstX1 = std::min(static_cast<ll>(region.x) + kRunQuads, right);
+        const ll lastX0 = static_cast<ll>(region.x) + static_cast<ll>(kRunQuads) * (runs - 1);
+        const double yd = static_cast<double>(y);
+        float least = static_cast<float>((h[3] * static_cast<double>((region.x + firstX1) / 2) + h[4] * yd) + (h[5] + h[5]));
+        const float last = static_cast<float>((h[3] * static_cast<double>((lastX0 + right) / 2) + h[4] * yd) + (h[5] + h[5]));
+        if (last < least) least = last;
+        if (!(least == least) || least <= 0.0f) return 0;  // NaN: assume any row
+        return least >= static_cast<float>(quadRows) ? quadRows : static_cast<int>(least);
     }
 
     void warpRow(int y) {
@@ -423,20 +443,59 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
     return 0;
 }
 
+void clampToTenBits(const short* in, short* out, std::size_t count) { clampRows(in, out, count); }
+
 int warpCellsByRows(const Rect* regions, const double* const* models, int cellCount, int quadCols, int quadRows,
                     int* reportedTop, int* reportedBottom, const short* srcRaw, short* dstRaw, int* topAcc,
-                    int* bottomAcc, bool fillGaps) {
+                    int* bottomAcc, bool fillGaps, short* clampedCopy) {
     std::vector<CellWarp> cells;
     cells.reserve(static_cast<std::size_t>(std::max(cellCount, 0)));
     for (int c = 0; c < cellCount; ++c) cells.emplace_back(regions[c], models[c], quadCols, quadRows, srcRaw, dstRaw, fillGaps);
-    // Consecutive cells that share their rows are walked together, row by row.
+    std::vector<int> groupEnd;  // consecutive cells that share their rows form a group
     for (int c = 0; c < cellCount;) {
         int end = c + 1;
         while (end < cellCount && regions[end].y == regions[c].y && regions[end].height == regions[c].height) ++end;
-        for (ll y = cells[c].rowBegin; y < cells[c].rowEnd; ++y)
-            for (int k = c; k < end; ++k) cells[k].warpRow(static_cast<int>(y));
+        groupEnd.push_back(end);
         c = end;
     }
+
+    // The clamped copy of a quad row is made as soon as no later row can read it
+    // as a source, while the row is still in the cache; this needs the groups to
+    // walk the rows of the frame in order. Otherwise it is made at the end.
+    const std::size_t rowSamples = 4 * static_cast<std::size_t>(std::max(quadCols, 0));
+    const int rows = std::max(quadRows, 0);
+    std::vector<int> firstNeeded;  // per quad row: lowest source row read by it or any later row
+    bool early = clampedCopy != nullptr;
+    if (early) {
+        firstNeeded.assign(static_cast<std::size_t>(rows) + 1, rows);
+        ll expected = 0;
+        for (int c = 0, g = 0; c < cellCount; c = groupEnd[g++]) {
+            early = early && cells[c].rowBegin == expected;
+            expected = cells[c].rowEnd;
+            for (ll y = cells[c].rowBegin; y < cells[c].rowEnd; ++y)
+                for (int k = c; k < groupEnd[g]; ++k)
+                    firstNeeded[y] = std::min(firstNeeded[y], cells[k].lowestSourceRow(static_cast<int>(y)));
+        }
+        early = early && expected == rows;
+        for (int y = rows - 1; y >= 0; --y) firstNeeded[y] = std::min(firstNeeded[y], firstNeeded[y + 1]);
+    }
+    int copied = 0;
+    auto copyRowsBefore = [&](int end) {
+        if (end <= copied) return;
+        clampRows(dstRaw + static_cast<std::size_t>(copied) * rowSamples,
+                  clampedCopy + static_cast<std::size_t>(copied) * rowSamples,
+                  static_cast<std::size_t>(end - copied) * rowSamples);
+        copied = end;
+    };
+
+    for (int c = 0, g = 0; c < cellCount; c = groupEnd[g++]) {
+        for (ll y = cells[c].rowBegin; y < cells[c].rowEnd; ++y) {
+            for (int k = c; k < groupEnd[g]; ++k) cells[k].warpRow(static_cast<int>(y));
+            if (early) copyRowsBefore(std::min(static_cast<int>(y) + 1, firstNeeded[y + 1]));
+        }
+    }
+    if (clampedCopy != nullptr) copyRowsBefore(rows);
+
     // The bounds as the calls one cell at a time leave them: they depend only on
     // each cell's first and last tracked rows, taken in cell order.
     for (int c = 0; c < cellCount; ++c) {

@@ -43,7 +43,14 @@ int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* repo
 // warpRuns call per rectangle in list order, for rectangles that do not overlap.
 // Consecutive rectangles covering the same rows are walked row by row across all
 // of them, which reads and writes whole frame rows in turn.
+// When clampedCopy is given, it receives every sample of dstRaw clamped to
+// 0..1023 (the whole frame of 2*quadCols x 2*quadRows samples). It may be srcRaw
+// itself: a quad row is copied only once no later output row can read it as a
+// source, which keeps the rows in the cache between the warp and the copy.
 int warpCellsByRows(const Rect* regions, const double* const* models, int cellCount, int quadCols, int quadRows,
                     int* reportedTop, int* reportedBottom, const short* srcRaw, short* dstRaw, int* topAcc,
-                    int* bottomAcc, bool fillGaps);
+                    int* bottomAcc, bool fillGaps, short* clampedCopy = nullptr);
+
+// out[k] = clamp(in[k], 0, 1023).
+void clampToTenBits(const short* in, short* out, std::size_t count);
 }  // namespace raw_warp_detail
