@@ -104,7 +104,7 @@ TEST(FrameAverage, OnePassEqualsTheTableSteps) {
             Frames frames(n, std::vector<short>(count));
             for (auto& f : frames)
                 for (auto& v : f) v = static_cast<short>(tenBits(rng));
-            if (count > 2048) frames[n - 1][2050] = static_cast<short>(any(rng));  // second chunk only
+            if (count > 2048) frames[n - 1][count - 1] = static_cast<short>(any(rng));  // second chunk only
             if (n == 16 && count == 17) frames.assign(16, std::vector<short>(count, 1023));
             std::vector<const short*> ptrs;
             for (const auto& f : frames) ptrs.push_back(f.data());
