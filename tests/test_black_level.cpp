@@ -65,7 +65,8 @@ TEST(BlackLevel, BrighteningWithNonFiniteGainIsDefined) {
 // both ends of the 16-bit range, odd sizes, in place and apart.
 TEST(BlackLevel, RowWiseBrighteningEqualsTheQuadWalk) {
     std::mt19937 rng(9);
-    std::uniform_int_distribution<int> sample(-32768, 32767), level(0, 4095);
+    std::uniform_int_distribution<int> sample(-32768, 32767), small(0, 4095), large(-8388608, 8388608);
+    auto level = [&](std::mt19937& r) { return r() % 4 == 0 ? large(r) : small(r); };  // large: gain 1 only
     const float gains[] = {1.0f, 0.0f, 1.37f, 4.0f, 40.0f, -3.25f, 16000.0f, 32000.0f};
     for (int w : {1, 2, 3, 8, 9, 17, 33})
         for (int h : {1, 2, 5})

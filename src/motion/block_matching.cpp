@@ -243,26 +243,33 @@ double madPlain(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb
 // Every term is a whole number in 0..2^31-1, so a 64-bit integer total is exact,
 // and so is every partial sum of the plain double accumulation while the block has
 // at most 2^22 samples: both give the same total, which converts exactly.
-// Sum of squared differences of one block row: what a table of squares gives, but
-// without the look-up, so that it vectorises.
+// Sum of squared differences over a block: what a table of squares gives, but
+// without the look-up, so that the row loop vectorises. Rows are summed in int
+// (at most 2^15 squares below 2^16 each) and the block in 64 bits.
 KEP_SIMD_CLONES
-int squaredRowSum(const unsigned char* __restrict a, const unsigned char* __restrict b, int width) {
-    int sum = 0;
-    for (int i = 0; i < width; ++i) {
-        const int d = static_cast<int>(a[i]) - static_cast<int>(b[i]);
-        sum += d * d;
+long long squaredBlockSum(const unsigned char* a, const unsigned char* b, long strideA, long strideB, int width,
+                          int height) {
+    long long total = 0;
+    for (int j = 0; j < height; ++j) {
+        const unsigned char* __restrict rowA = a + j * strideA;
+        const unsigned char* __restrict rowB = b + j * strideB;
+        for (int i0 = 0; i0 < width; i0 += 32768) {
+            const int end = width - i0 < 32768 ? width : i0 + 32768;
+            int sum = 0;
+            for (int i = i0; i < end; ++i) {
+                const int d = static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]);
+                sum += d * d;
+            }
+            total += sum;
+        }
     }
-    return sum;
+    return total;
 }
 
 double madSquares(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride) {
-    long long total = 0;
-    for (int j = 0; j < ra.height; ++j) {
-        const unsigned char* rowA = a + static_cast<long>(ra.y + j) * stride + ra.x;
-        const unsigned char* rowB = b + static_cast<long>(rb.y + j) * stride + rb.x;
-        // Pieces of at most 2^15 squares below 2^16 fit an int.
-        for (int i = 0; i < ra.width; i += 32768) total += squaredRowSum(rowA + i, rowB + i, std::min(ra.width - i, 32768));
-    }
+    const long long total = squaredBlockSum(a + static_cast<long>(ra.y) * stride + ra.x,
+                                            b + static_cast<long>(rb.y) * stride + rb.x, stride, stride, ra.width,
+                                            ra.height);
     return static_cast<double>(total) / ra.width / ra.height;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "imgcore/fast_paths.h"
@@ -93,6 +94,19 @@ bool black_level_detail::brightenStaysInRange(float gain, const int* order) {
 void black_level_detail::brightenRows(const short* in, short* out, float gain, int width, int height,
                                       const int* order) {
     const long n = width >= 0 ? width & ~1 : 0;
+    // Gain 1 with levels below 2^23: (float)(in - b) is exact (below 2^24), the
+    // product leaves it unchanged and adding (float)b gives the whole number in
+    // exactly, so every sample of a whole quad is copied as it is.
+    bool smallLevels = true;
+    for (int k = 0; k < 4; ++k) smallLevels = smallLevels && order[k] >= -(1 << 23) && order[k] <= (1 << 23);
+    if (gain == 1.0f && smallLevels) {
+        if (in == out) return;
+        const int rows = height >= 0 ? height & ~1 : 0;
+        for (int r = 0; r < rows; ++r)
+            std::memcpy(out + static_cast<long>(r) * width, in + static_cast<long>(r) * width,
+                        static_cast<std::size_t>(n) * sizeof(short));
+        return;
+    }
     std::vector<int> evenRow(static_cast<size_t>(n)), oddRow(static_cast<size_t>(n));
     for (long x = 0; x < n; ++x) {
         evenRow[static_cast<size_t>(x)] = order[x & 1];
