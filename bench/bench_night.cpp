@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "features/grid_features.h"
+#include "imgcore/fast_paths.h"
 #include "motion/block_matching.h"
 #include "motion/homography_fit.h"
 #include "motion/matrix.h"
@@ -90,13 +91,19 @@ void BM_NightPathWhole(benchmark::State& state) {
     setRate(state, static_cast<long>(kWidth) * kHeight * kFrames);
 }
 
+// One frame's guide as the driver builds it: black-level removal and block means
+// (in one pass in the fast build), smoothing, equalisation.
 void BM_StageGuides(benchmark::State& state) {
     int order[4] = {64, 64, 64, 64};
-    std::vector<short> corrected(static_cast<size_t>(kWidth) * kHeight);
+    std::vector<short> corrected(kUseFastPaths ? 0 : static_cast<size_t>(kWidth) * kHeight);
     std::vector<unsigned char> guide(kGuideW * kGuideH);
     for (auto _ : state) {
-        removeBLC(burst().frames[3].data(), corrected.data(), kWidth, kHeight, order);
-        bayer_to_8bit_gray(corrected.data(), guide.data(), kWidth, kHeight, 1, 3);
+        if (kUseFastPaths) {
+            guide_detail::guideFromRaw(burst().frames[3].data(), order, guide.data(), kWidth, kHeight, 1);
+        } else {
+            removeBLC(burst().frames[3].data(), corrected.data(), kWidth, kHeight, order);
+            bayer_to_8bit_gray(corrected.data(), guide.data(), kWidth, kHeight, 1, 3);
+        }
         conImageBlur(guide.data(), guide.data(), kGuideW, kGuideH, 0.0f);
         histogram_equalization(guide.data(), guide.data(), kGuideW, kGuideH);
         benchmark::DoNotOptimize(guide.data());
@@ -224,14 +231,25 @@ void BM_StageWarp(benchmark::State& state) {
     std::vector<short> dst(static_cast<size_t>(kWidth) * kHeight, -1);
     double model[6] = {1.0005, 0.0008, 1.3, -0.0008, 1.0005, -0.7};
     short* src = const_cast<short*>(burst().frames[3].data());
+    Rect cells[16];
+    const double* models[16];
+    for (int c = 0; c < 16; ++c) {
+        cells[c] = Rect{(c % 4) * quadCols / 4, (c / 4) * quadRows / 4, quadCols / 4, quadRows / 4};
+        models[c] = model;
+    }
     for (auto _ : state) {
         int top = 0, bottom = 0, reportedTop = 0, reportedBottom = 0;
-        for (int gy = 0; gy < 4; ++gy)
-            for (int gx = 0; gx < 4; ++gx)
-                qnWarpImgRaw(Rect{gx * quadCols / 4, gy * quadRows / 4, quadCols / 4, quadRows / 4},
-                             matrixWrap(model, 2, 3), quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr, nullptr,
-                             nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, src, dst.data(), &top,
-                             &bottom);
+        if (kUseFastPaths) {
+            // As the alignment does it for the driver: the cells of a grid row
+            // together, every sample written (no -1 fill needed beforehand).
+            raw_warp_detail::warpCellsByRows(cells, models, 16, quadCols, quadRows, &reportedTop, &reportedBottom, src,
+                                             dst.data(), &top, &bottom, true);
+        } else {
+            for (const Rect& cell : cells)
+                qnWarpImgRaw(cell, matrixWrap(model, 2, 3), quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr,
+                             nullptr, nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, src,
+                             dst.data(), &top, &bottom);
+        }
         benchmark::DoNotOptimize(dst.data());
     }
     setRate(state, static_cast<long>(kWidth) * kHeight);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <vector>
 
 #include "registration/black_level.h"
@@ -57,6 +58,38 @@ TEST(BlackLevel, BrighteningWithNonFiniteGainIsDefined) {
     EXPECT_EQ(out[1], 0);  // 0 * inf is NaN: saturates to 0
     enlightenOutput(in.data(), out.data(), 1e30f, 2, 2, order);
     EXPECT_EQ(out[2], -1);  // INT_MAX, low 16 bits
+}
+
+// Row-wise brightening against the quad walk: gains from 0 up to the largest one
+// the rows accept (negative ones too), every Bayer pattern's levels, samples at
+// both ends of the 16-bit range, odd sizes, in place and apart.
+TEST(BlackLevel, RowWiseBrighteningEqualsTheQuadWalk) {
+    std::mt19937 rng(9);
+    std::uniform_int_distribution<int> sample(-32768, 32767), small(0, 4095), large(-8388608, 8388608);
+    auto level = [&](std::mt19937& r) { return r() % 4 == 0 ? large(r) : small(r); };  // large: gain 1 only
+    const float gains[] = {1.0f, 0.0f, 1.37f, 4.0f, 40.0f, -3.25f, 16000.0f, 32000.0f};
+    for (int w : {1, 2, 3, 8, 9, 17, 33})
+        for (int h : {1, 2, 5})
+            for (int pattern = 0; pattern < 4; ++pattern)
+                for (float gain : gains) {
+                    int order[4];
+                    getBayerBLCorder(order, pattern, level(rng), 64, 64, level(rng));
+                    if (!black_level_detail::brightenStaysInRange(gain, order)) continue;
+                    std::vector<short> in(static_cast<size_t>(w) * h);
+                    for (auto& v : in) v = static_cast<short>(sample(rng));
+                    std::vector<short> want(in.size(), 5), got = want, inPlace = in, wantInPlace = in;
+                    black_level_detail::brightenPlain(in.data(), want.data(), gain, w, h, order);
+                    black_level_detail::brightenRows(in.data(), got.data(), gain, w, h, order);
+                    ASSERT_EQ(got, want) << "w=" << w << " h=" << h << " gain=" << gain;
+                    black_level_detail::brightenPlain(wantInPlace.data(), wantInPlace.data(), gain, w, h, order);
+                    black_level_detail::brightenRows(inPlace.data(), inPlace.data(), gain, w, h, order);
+                    ASSERT_EQ(inPlace, wantInPlace);
+                }
+    int order[4] = {64, 64, 64, 64};
+    EXPECT_TRUE(black_level_detail::brightenStaysInRange(32000.0f, order));
+    EXPECT_FALSE(black_level_detail::brightenStaysInRange(40000.0f, order));
+    EXPECT_FALSE(black_level_detail::brightenStaysInRange(NAN, order));
+    EXPECT_FALSE(black_level_detail::brightenStaysInRange(INFINITY, order));
 }
 
 TEST(BlackLevel, RemoveBlackClampsAtZeroPerSite) {

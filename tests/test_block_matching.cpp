@@ -117,6 +117,41 @@ TEST(CalcMad, PlainAndTabledExponents) {
     });
 }
 
+// The integer total against the double one: block widths 1 .. 2 x 16 + 1, the
+// plain exponent and tables up to saturated entries, extreme pixel values.
+TEST(CalcMad, IntegerTotalMatchesThePlainSum) {
+    std::mt19937 rng(21);
+    const int w = 40, h = 20;
+    std::vector<unsigned char> a(w * h), b(w * h);
+    int tables[3][256];
+    for (int d = 0; d < 256; ++d) {
+        tables[0][d] = d * d;
+        tables[1][d] = static_cast<int>(std::pow(d, 2.5));
+        tables[2][d] = d == 0 ? 0 : 2147483647;
+    }
+    for (int trial = 0; trial < 40; ++trial) {
+        for (size_t i = 0; i < a.size(); ++i) {
+            a[i] = static_cast<unsigned char>(trial % 4 == 0 ? (rng() & 1) * 255 : rng());
+            b[i] = static_cast<unsigned char>(trial % 4 == 0 ? (rng() & 1) * 255 : rng());
+        }
+        for (int bw = 1; bw <= 33; bw += trial % 3 + 1) {
+            const Rect ra{static_cast<int>(rng() % (w - bw + 1)), static_cast<int>(rng() % 8), bw, 1 + trial % 12};
+            const Rect rb{static_cast<int>(rng() % (w - bw + 1)), static_cast<int>(rng() % 8), 0, 0};
+            ASSERT_TRUE(block_matching_detail::madFitsInteger(ra));
+            ASSERT_EQ(block_matching_detail::madSquares(a.data(), b.data(), ra, rb, w),
+                      block_matching_detail::madPlain(a.data(), b.data(), ra, rb, w, false, tables[0]));
+            for (int t = -1; t < 3; ++t) {
+                const int* table = t < 0 ? nullptr : tables[t];
+                ASSERT_EQ(block_matching_detail::madInteger(a.data(), b.data(), ra, rb, w, t < 0, table),
+                          block_matching_detail::madPlain(a.data(), b.data(), ra, rb, w, t < 0, table))
+                    << "width " << bw << " table " << t;
+            }
+        }
+    }
+    EXPECT_FALSE(block_matching_detail::madFitsInteger(Rect{0, 0, 4096, 1025}));
+    EXPECT_FALSE(block_matching_detail::madFitsInteger(Rect{0, 0, 0, 5}));
+}
+
 TEST(CalcMad, InitialTableIsUsedForTinyExponentUntilAnotherExponentIsSeen) {
     unsigned char a[4] = {5, 9, 100, 7};
     unsigned char b[4] = {5, 8, 100, 200};  // two equal, two different

@@ -82,6 +82,45 @@ TEST(FrameAverage, TableAndDivisionGiveTheSameValues) {
     }
 }
 
+// The multiply-shift reciprocal against the division for every dividend below
+// 2^15 (every 16-frame sum plus n - 1 is below 16 * 1024 + 15).
+TEST(FrameAverage, ReciprocalIsExactForEveryDividend) {
+    for (int n = 2; n <= 16; ++n) {
+        const frame_average_detail::Reciprocal r = frame_average_detail::reciprocalFor(n);
+        ASSERT_LT(r.multiplier, 65536u) << n;
+        for (unsigned x = 0; x < 32768; ++x)
+            ASSERT_EQ(((x * r.multiplier) >> 16) >> r.shift, x / static_cast<unsigned>(n)) << "n=" << n << " x=" << x;
+    }
+}
+
+// The one-pass average against the table steps: lengths around the chunk size,
+// every general count, chunks with samples outside 10 bits (which take the plain
+// steps), and all frames at full scale.
+TEST(FrameAverage, OnePassEqualsTheTableSteps) {
+    std::mt19937 rng(8);
+    std::uniform_int_distribution<int> tenBits(0, 1023), any(-32768, 32767);
+    for (long count : {1L, 17L, 2047L, 2048L, 2049L, 6001L}) {
+        for (int n : {3, 5, 6, 7, 11, 16}) {
+            Frames frames(n, std::vector<short>(count));
+            for (auto& f : frames)
+                for (auto& v : f) v = static_cast<short>(tenBits(rng));
+            if (count > 2048) frames[n - 1][count - 1] = static_cast<short>(any(rng));  // second chunk only
+            if (n == 16 && count == 17) frames.assign(16, std::vector<short>(count, 1023));
+            std::vector<const short*> ptrs;
+            for (const auto& f : frames) ptrs.push_back(f.data());
+            std::vector<short> plain(count, -7), fast(count, -7);
+            frame_average_detail::averageTable(ptrs.data(), plain.data(), count, n);
+            ASSERT_TRUE(frame_average_detail::framesApart(ptrs.data(), fast.data(), count, n));
+            frame_average_detail::averageChunked(ptrs.data(), fast.data(), count, n);
+            ASSERT_EQ(fast, plain) << "count " << count << " n " << n;
+        }
+    }
+    std::vector<short> buffer(64);
+    const short* overlapping[3] = {buffer.data(), buffer.data() + 32, buffer.data() + 8};
+    EXPECT_FALSE(frame_average_detail::framesApart(overlapping, buffer.data() + 40, 16, 3));
+    EXPECT_TRUE(frame_average_detail::framesApart(overlapping, buffer.data() + 48, 16, 3));
+}
+
 TEST(MonotoneCurve, SmoothstepBetweenTwoPointsAndLineThroughThree) {
     int xs2[] = {0, 255}, ys2[] = {0, 255};
     float* curve = getNInterpolation(xs2, ys2, 2);

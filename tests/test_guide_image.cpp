@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "imgcore/gauss5x5.h"
+#include "registration/black_level.h"
 #include "registration/guide_image.h"
 
 namespace {
@@ -34,18 +35,6 @@ void plainGauss(const Bytes& s, Bytes& d, int w, int h, int ss, int ds, const ui
             uint32_t u = 0;
             for (int i = 0; i < 5; ++i) u += k[i] * static_cast<uint32_t>(t[(y - 2 + i) * w + x]);
             d[y * ds + x] = static_cast<uint8_t>(static_cast<unsigned>(static_cast<float>(u) * recip));
-        }
-}
-
-// Plain 25-tap definition of conImageBlur's weighted mean.
-void plainConBlur(const Bytes& s, Bytes& d, int w, int h, bool box) {
-    const int f[5] = {1, 2, 4, 2, 1};
-    for (int y = 2; y <= h - 3; ++y)
-        for (int x = 2; x <= w - 3; ++x) {
-            int sum = 0;
-            for (int i = 0; i < 5; ++i)
-                for (int j = 0; j < 5; ++j) sum += (box ? 1 : f[i] * f[j]) * s[(y - 2 + i) * w + x - 2 + j];
-            d[y * w + x] = static_cast<uint8_t>(static_cast<int>(static_cast<float>(sum) / (box ? 25.0f : 100.0f)));
         }
 }
 
@@ -128,23 +117,68 @@ TEST(GuideImage, BlockMeanGainClampAndLayout) {
     EXPECT_EQ(untouched, std::vector<uint8_t>(4, 0xEE));
 }
 
-TEST(GuideImage, ConImageBlurKernelChoiceMatchesPlainSums) {
+// conImageBlur against its plain 25-tap form, both kernels, in place and apart,
+// on random and saturated images; the quotient shortcut is checked for every sum.
+TEST(GuideImage, ConImageBlurMatchesThePlainForm) {
+    for (int sum = 0; sum <= 255 * 100; ++sum) {
+        ASSERT_EQ(static_cast<int>(static_cast<float>(sum) / 100.0f), sum / 100) << sum;
+        ASSERT_EQ(static_cast<int>(static_cast<float>(sum) / 25.0f), sum / 25) << sum;
+    }
     std::mt19937 rng(11);
-    for (int w : {5, 13, 24, 31})
+    for (int w : {5, 6, 13, 17, 24, 31, 33, 40})
         for (int h : {5, 9})
-            for (float select : {510.0f, 510.5f, NAN, 1e9f}) {
+            for (float select : {510.0f, 510.5f, NAN}) {
                 Bytes src = randomBytes(rng, static_cast<size_t>(w) * h);
-                Bytes want(src.size(), 0xA5), out = want, inPlace = src, wantInPlace = src;
-                plainConBlur(src, want, w, h, select > 510.0f);
-                plainConBlur(src, wantInPlace, w, h, select > 510.0f);
-                conImageBlur(src.data(), out.data(), w, h, select);
-                conImageBlur(inPlace.data(), inPlace.data(), w, h, select);
-                ASSERT_EQ(out, want) << "w=" << w << " h=" << h << " select=" << select;
-                ASSERT_EQ(inPlace, wantInPlace);
+                if (w == 17) src.assign(src.size(), 255);
+                Bytes want = src, got(src.size(), 0xA5), plainApart(src.size(), 0xA5);
+                guide_detail::blurPlain(want.data(), want.data(), w, h, select > 510.0f);
+                guide_detail::blurPlain(src.data(), plainApart.data(), w, h, select > 510.0f);
+                conImageBlur(src.data(), got.data(), w, h, select);
+                for (int y = 0; y < h; ++y)  // the apart output keeps its border
+                    for (int x = 0; x < w; ++x)
+                        if (y < 2 || y >= h - 2 || x < 2 || x >= w - 2) plainApart[y * w + x] = src[y * w + x];
+                conImageBlur(src.data(), src.data(), w, h, select);
+                ASSERT_EQ(src, want) << "w=" << w << " h=" << h << " select=" << select;
+                for (int y = 0; y < h; ++y)
+                    for (int x = 0; x < w; ++x)
+                        if (y >= 2 && y < h - 2 && x >= 2 && x < w - 2) ASSERT_EQ(got[y * w + x], want[y * w + x]);
+                        else ASSERT_EQ(got[y * w + x], 0xA5);
+                ASSERT_EQ(plainApart, want);
             }
     Bytes shortImg(20 * 4, 9), dst(20 * 4, 1);
     conImageBlur(shortImg.data(), dst.data(), 20, 4, 0.0f);
     EXPECT_EQ(dst, Bytes(20 * 4, 1));
+}
+
+// The one-pass guide of the driver against black-level removal into a copy and
+// the guide of that copy: every Bayer pattern, levels at both ends of their range,
+// samples at both ends of theirs, gains that wrap, widths with remainders.
+TEST(GuideImage, GuideFromRawEqualsRemovalThenGuide) {
+    std::mt19937 rng(12);
+    std::uniform_int_distribution<int> sample(-32768, 32767), level(0, 32767), tenBits(0, 1023);
+    for (int cols : {1, 2, 3, 7, 8, 9, 16, 17, 33})
+        for (int extra : {0, 3}) {
+            const int w = 4 * cols + extra, h = 8 + extra;
+            std::vector<short> raw(static_cast<size_t>(w) * h);
+            for (int pattern = 0; pattern < 4; ++pattern) {
+                for (auto& v : raw) v = static_cast<short>(pattern % 2 ? sample(rng) : tenBits(rng));
+                int order[4];
+                const int levels[3] = {level(rng), pattern == 3 ? 32767 : 64, pattern == 2 ? 0 : level(rng)};
+                getBayerBLCorder(order, pattern, levels[0], levels[1], levels[1], levels[2]);
+                ASSERT_TRUE(guide_detail::blackLevelsFitSamples(order));
+                for (int gain : {1, 3, 70000}) {
+                    std::vector<short> corrected(raw.size());
+                    removeBLC(raw.data(), corrected.data(), w, h, order);
+                    Bytes want(static_cast<size_t>(cols) * (h / 4), 0), got = want;
+                    bayer_to_8bit_gray(corrected.data(), want.data(), w, h, gain, 0);
+                    guide_detail::guideFromRaw(raw.data(), order, got.data(), w, h, gain);
+                    ASSERT_EQ(got, want) << "w=" << w << " pattern=" << pattern << " gain=" << gain;
+                }
+            }
+        }
+    int negative[4] = {64, -1, 64, 64}, large[4] = {64, 64, 32768, 64};
+    EXPECT_FALSE(guide_detail::blackLevelsFitSamples(negative));
+    EXPECT_FALSE(guide_detail::blackLevelsFitSamples(large));
 }
 
 TEST(GuideImage, HistogramEqualisationClipsAndSpreadsExcess) {

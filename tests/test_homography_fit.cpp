@@ -68,9 +68,11 @@ TEST(HomographyFit, ModelMappingEqualsMatrixProductBitForBit) {
         double column[3] = {x, y, 1.0}, product[2];
         Matrix out = matrixWrap(product, 2, 1);
         matrix_dot_product(matrixWrap(h, 2, 3), matrixWrap(column, 3, 1), out);
-        double u, v;
+        double u, v, pu, pv;
         ASSERT_TRUE(mapThroughModel(matrixWrap(h, 2, 3), x, y, u, v));
         ASSERT_TRUE(sameResult(u, product[0]) && sameResult(v, product[1])) << t;
+        ASSERT_TRUE(mapThroughProduct(matrixWrap(h, 2, 3), x, y, pu, pv));
+        ASSERT_TRUE(sameResult(pu, product[0]) && sameResult(pv, product[1])) << t;
 
         const Point2f q = {specialOrRandomFloat(rng), specialOrRandomFloat(rng)};
         const double du = q.x - product[0], dv = q.y - product[1];
@@ -212,6 +214,39 @@ TEST(HomographyFit, DiagonalWeightProductEqualsFullProductBitForBit) {
             }
         }
     }
+}
+
+// The weighted fit from the diagonal alone against the fit through the full
+// weight matrix: models and status bit for bit, for every set size the driver can
+// produce (and past the limit), random and non-finite weights.
+TEST(HomographyFit, DiagonalWeightedFitEqualsTheFullMatrixFit) {
+    std::mt19937 rng(23);
+    std::uniform_real_distribution<float> pos(-50.0f, 250.0f);
+    for (int n : {0, 2, 3, 4, 17, 160, 1001}) {
+        for (int t = 0; t < 6; ++t) {
+            std::vector<Point2f> src(n), dst(n);
+            std::vector<double> w(n), full(static_cast<size_t>(n) * n, 0.0);
+            for (int i = 0; i < n; ++i) {
+                src[i] = {pos(rng), pos(rng)};
+                dst[i] = {src[i].x * 1.01f + pos(rng) * 0.01f, src[i].y * 0.99f + pos(rng) * 0.01f};
+                w[i] = t == 5 && i == 1 ? std::nan("") : std::exp(-std::fabs(pos(rng)) * 0.01);
+                full[static_cast<size_t>(i) * n + i] = w[i];
+            }
+            if (t == 4 && n == 3) src[2] = src[0];  // singular
+            Owned fast, plain;
+            const int fs = calcHomoWlsqDiagonal(src.data(), dst.data(), fast.m, w.data(), n);
+            const int ps = calc_homo_wlsq(src.data(), dst.data(), plain.m, matrixWrap(full.data(), n, n), n);
+            ASSERT_EQ(fs, ps) << n << " " << t;
+            ASSERT_EQ(fast.m.state, plain.m.state);
+            if (fast.m.data) {
+                for (int i = 0; i < 6; ++i) ASSERT_TRUE(sameResult(fast.m.data[i], plain.m.data[i])) << n << " " << t;
+            }
+        }
+    }
+    Point2f bad[3] = {{1, 2}, {NAN, 0}, {5, 5}}, out[3] = {{1, 2}, {3, 4}, {5, 6}};
+    double w[3] = {1, 1, 1};
+    Owned H;
+    EXPECT_EQ(calcHomoWlsqDiagonal(bad, out, H.m, w, 3), -1);
 }
 
 TEST(HomographyFit, LinearityError) {

@@ -7,7 +7,6 @@
 #include <random>
 #include <vector>
 
-#include "imgcore/saturate.h"
 #include "registration/bilinear_table.h"
 #include "registration/raw_warp.h"
 
@@ -57,55 +56,15 @@ short blend(const float w[4], short a, short b, short c, short d) {
     return static_cast<short>(static_cast<int>(((w[0] * a + w[1] * b) + w[2] * c) + w[3] * d));
 }
 
-// Plain per-quad, per-site form of the raw warp, one model evaluation per run of
-// four quads; the vectorised warp must match it sample for sample.
-void referenceWarp(RawFrames& f, Rect region, const double* h, Bounds& bounds) {
-    const int quadCols = f.quadCols, quadRows = f.quadRows;
-    if (region.x == 0 && region.y == 0) {
-        bounds.top = 0;
-        bounds.bottom = quadRows - 1;
-    }
-    float table[10][10][4];
-    generateBilinearTbl(table);
-    int firstRow = quadRows - 1, lastRow = 0;
-    const ll right = static_cast<ll>(region.x) + region.width;
-    for (int y = region.y; y < region.y + region.height; ++y) {
-        ll x0 = region.x, x1;
-        do {
-            x1 = std::min(x0 + 4, right);
-            const ll xc = static_cast<ll>(std::trunc(static_cast<double>(x0 + x1) * 0.5));
-            const float sy = static_cast<float>((h[3] * xc + h[4] * y) + (h[5] + h[5]));
-            const int r0 = truncToInt(sy);
-            if (!(sy < 0 || r0 < 0 || static_cast<ll>(r0) + 1 >= quadRows)) {
-                const float sx = static_cast<float>((h[0] * xc + h[1] * y) + (h[2] + h[2]));
-                const int fy = truncToInt(sy * 10.0f) % 10;
-                const int fx = static_cast<int>(std::llabs(static_cast<ll>(truncToInt(sx * 10.0f)) - (sx < 0)) % 10);
-                const ll s0 = truncToInt(std::floor(sx) - static_cast<float>(std::max(xc - x0, 0LL)));
-                const ll under = std::max(-s0, 0LL);
-                const ll end = s0 + (x1 - x0);
-                const ll over = end >= quadCols ? end - quadCols + 1 : 0;
-                for (ll x = x0 + under; x < x1 - over; ++x) {
-                    const ll s = s0 + (x - x0);
-                    for (int dr = 0; dr < 2; ++dr)
-                        for (int dc = 0; dc < 2; ++dc) {
-                            const int top = 2 * r0 + dr, bottom = 2 * (r0 + 1) + dr;
-                            const int left = static_cast<int>(2 * s + dc);
-                            const int rightCol = static_cast<int>(2 * (s + 1) + dc);
-                            f.out(2 * y + dr, static_cast<int>(2 * x + dc)) =
-                                blend(table[fy][fx], f.in(top, left), f.in(top, rightCol), f.in(bottom, left),
-                                      f.in(bottom, rightCol));
-                        }
-                }
-                if (region.y == 0 && y < firstRow) firstRow = y;
-                if (region.y + region.height == quadRows && y > lastRow) lastRow = y;
-            }
-            x0 = x1;
-        } while (x1 < right);
-    }
-    if (region.y == 0) bounds.top = std::max(bounds.top, firstRow);
-    if (region.y + region.height == quadRows) bounds.bottom = std::min(bounds.bottom, lastRow);
-    bounds.reportedTop = bounds.top;
-    bounds.reportedBottom = bounds.bottom;
+// The plain per-quad, per-site form, called directly whatever the build's switch.
+void plainWarp(RawFrames& f, Rect region, const double* h, Bounds& b) {
+    raw_warp_detail::warpPlain(region, h, f.quadCols, f.quadRows, &b.reportedTop, &b.reportedBottom, f.src.data(),
+                               f.dst.data(), &b.top, &b.bottom);
+}
+
+void runsWarp(RawFrames& f, Rect region, const double* h, Bounds& b, bool fillGaps = false) {
+    raw_warp_detail::warpRuns(region, h, f.quadCols, f.quadRows, &b.reportedTop, &b.reportedBottom, f.src.data(),
+                              f.dst.data(), &b.top, &b.bottom, fillGaps);
 }
 
 void expectSameBounds(const Bounds& a, const Bounds& b) {
@@ -218,66 +177,117 @@ TEST(RawWarp, AccumulatesFirstAndLastWrittenRowsOverTheCells) {
 }
 
 // Random affine models (scales, shears and translations that push sources past
-// every side of the frame) on random frames of several widths: the vectorised
-// warp must match the plain one exactly, outputs and bounds alike.
-TEST(RawWarp, MatchesPlainFormOnRandomModelsAndFrames) {
+// every side of the frame, translations on exact tenths) on random frames of many
+// widths, and rectangles reaching past the frame: the run-planned warp must match
+// the plain one exactly, outputs and bounds alike.
+TEST(RawWarp, RunsMatchPlainFormOnRandomModelsAndFrames) {
     std::mt19937 rng(4);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
-    for (int quadCols : {5, 13, 32, 37, 50}) {
-        const int quadRows = 12 + quadCols % 7;
-        for (int trial = 0; trial < 40; ++trial) {
+    std::uniform_int_distribution<int> tenths(-40, 40);
+    for (int quadCols : {1, 2, 3, 5, 8, 9, 13, 17, 32, 37, 50}) {
+        const int quadRows = 4 + quadCols % 7;
+        for (int trial = 0; trial < 30; ++trial) {
             RawFrames fast(quadCols, quadRows, rng, -32768, 32767);
             RawFrames plain = fast;
             Bounds fb{3, 4, 0, 0}, pb = fb;
+            const double spread = trial % 3 == 0 ? 0.0 : 0.1;
             for (const Rect& r : cells(quadCols, quadRows)) {
-                double h[9] = {1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * 0.3 * unit(rng),
-                               0.1 * unit(rng), 1 + 0.1 * unit(rng), quadRows * 0.3 * unit(rng), 0, 0, 1};
-                warp(fast, r, h, fb);
-                referenceWarp(plain, r, h, pb);
+                double h[9] = {1 + spread * unit(rng), spread * unit(rng), quadCols * 0.3 * unit(rng),
+                               spread * unit(rng), 1 + spread * unit(rng), quadRows * 0.3 * unit(rng), 0, 0, 1};
+                if (trial % 3 == 0) h[2] = tenths(rng) * 0.05, h[5] = tenths(rng) * 0.05;
+                runsWarp(fast, r, h, fb);
+                plainWarp(plain, r, h, pb);
             }
-            // One more rectangle anywhere inside the frame.
-            std::uniform_int_distribution<int> px(0, quadCols - 1), py(0, quadRows - 1);
-            const int x = px(rng), y = py(rng);
-            Rect r{x, y, std::uniform_int_distribution<int>(0, quadCols - x)(rng),
-                   std::uniform_int_distribution<int>(0, quadRows - y)(rng)};
+            // One more rectangle anywhere, reaching past the frame.
+            std::uniform_int_distribution<int> px(-3, quadCols), py(-3, quadRows);
+            const Rect r{px(rng), py(rng), std::uniform_int_distribution<int>(0, quadCols + 6)(rng),
+                         std::uniform_int_distribution<int>(0, quadRows + 6)(rng)};
             double h[9] = {1 + 0.2 * unit(rng), 0.2 * unit(rng), quadCols * 0.5 * unit(rng),
                            0.2 * unit(rng), 1 + 0.2 * unit(rng), quadRows * 0.5 * unit(rng), 0, 0, 1};
-            warp(fast, r, h, fb);
-            referenceWarp(plain, r, h, pb);
+            runsWarp(fast, r, h, fb);
+            plainWarp(plain, r, h, pb);
             ASSERT_EQ(fast.dst, plain.dst) << "quadCols " << quadCols << " trial " << trial;
             expectSameBounds(fb, pb);
         }
     }
 }
 
+// With gap filling, cells that tile the frame write every sample of a destination
+// holding anything: the result equals the plain warp into a buffer of -1, both for
+// one call per cell and for the cells walked together row by row.
+TEST(RawWarp, GapFillingEqualsAPrefilledDestination) {
+    std::mt19937 rng(6);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int quadCols : {4, 8, 12, 36, 68})
+        for (int quadRows : {4, 12, 20, 44})
+            for (int trial = 0; trial < 8; ++trial) {
+                RawFrames byCell(quadCols, quadRows, rng, -40, 1100);
+                RawFrames plain = byCell;
+                for (short& v : byCell.dst) v = static_cast<short>(rng());
+                RawFrames byRows = byCell;
+                Bounds cb{9, 2, 0, 0}, pb = cb, rb = cb;  // stale accumulators
+                const double reach = trial < 4 ? 0.2 : 1.5;  // sources far outside leave wide gaps
+                const double tilt = trial % 2 ? 0.5 : 0.1;      // source rows far above or below
+                const std::vector<Rect> grid = cells(quadCols, quadRows);
+                std::vector<std::vector<double>> models;
+                std::vector<const double*> modelPtrs;
+                for (size_t c = 0; c < grid.size(); ++c)
+                    models.push_back({1 + 0.1 * unit(rng), 0.1 * unit(rng), quadCols * reach * unit(rng),
+                                      tilt * unit(rng), 1 + tilt * unit(rng), quadRows * reach * unit(rng), 0, 0, 1});
+                for (size_t c = 0; c < grid.size(); ++c) {
+                    runsWarp(byCell, grid[c], models[c].data(), cb, true);
+                    plainWarp(plain, grid[c], models[c].data(), pb);
+                    modelPtrs.push_back(models[c].data());
+                }
+                // The clamped copy goes over the source itself, row by row as the warp
+                // stops reading it.
+                raw_warp_detail::warpCellsByRows(grid.data(), modelPtrs.data(), 16, quadCols, quadRows,
+                                                 &rb.reportedTop, &rb.reportedBottom, byRows.src.data(),
+                                                 byRows.dst.data(), &rb.top, &rb.bottom, true, byRows.src.data());
+                ASSERT_EQ(byCell.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                ASSERT_EQ(byRows.dst, plain.dst) << quadCols << "x" << quadRows << " trial " << trial;
+                std::vector<short> clamped(plain.dst.size());
+                raw_warp_detail::clampToTenBits(plain.dst.data(), clamped.data(), clamped.size());
+                ASSERT_EQ(byRows.src, clamped);
+                expectSameBounds(cb, pb);
+                expectSameBounds(rb, pb);
+            }
+}
+
 // Degenerate fits can hand over NaN, infinite or huge coefficients: every run must
-// stay inside both frames (checked by the sanitizer build) and still follow the
-// plain form with saturating conversions.
+// stay inside both frames (checked by the sanitizer build) and the run-planned
+// warp must still follow the plain form with its saturating conversions.
 TEST(RawWarp, NonFiniteAndHugeModelsStayInsideTheFrames) {
     std::mt19937 rng(5);
     const double nasty[] = {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
-                            -std::numeric_limits<double>::infinity(), 1e30, -1e30, 3e9, -3e9, 1e9, -1e9};
+                            -std::numeric_limits<double>::infinity(), 1e30, -1e30, 3e9, -3e9, 1e9, -1e9, 2.5e6};
     for (int slot = 0; slot < 6; ++slot) {
         for (double v : nasty) {
-            RawFrames fast(11, 10, rng);
-            RawFrames plain = fast;
-            Bounds fb, pb;
+            RawFrames fast(12, 8, rng);
+            RawFrames plain = fast, filled = fast;
+            for (short& s : filled.dst) s = 77;
+            Bounds fb, pb, gb;
             double h[9] = {1, 0, 0.6, 0, 1, 0.6, 0, 0, 1};
             h[slot] = v;
-            for (const Rect& r : cells(11, 10)) {
-                warp(fast, r, h, fb);
-                referenceWarp(plain, r, h, pb);
+            RawFrames inPlace = filled;
+            std::vector<const double*> models(16, h);
+            for (const Rect& r : cells(12, 8)) {
+                runsWarp(fast, r, h, fb);
+                runsWarp(filled, r, h, gb, true);
+                plainWarp(plain, r, h, pb);
             }
+            const std::vector<Rect> grid = cells(12, 8);
+            Bounds ib;
+            raw_warp_detail::warpCellsByRows(grid.data(), models.data(), 16, 12, 8, &ib.reportedTop,
+                                             &ib.reportedBottom, inPlace.src.data(), inPlace.dst.data(), &ib.top,
+                                             &ib.bottom, true, inPlace.src.data());
+            ASSERT_EQ(filled.dst, plain.dst) << "slot " << slot << " value " << v;
+            ASSERT_EQ(inPlace.dst, plain.dst) << "slot " << slot << " value " << v;
+            runsWarp(fast, Rect{-3, -2, 20, 15}, h, fb);  // reaching past the frame as well
+            plainWarp(plain, Rect{-3, -2, 20, 15}, h, pb);
             ASSERT_EQ(fast.dst, plain.dst) << "slot " << slot << " value " << v;
             expectSameBounds(fb, pb);
-            warp(fast, Rect{-3, -2, 20, 15}, h, fb);  // reaching past the frame as well
         }
-    }
-    for (double shift : {-4.0, 4.0}) {  // sources inside for destinations outside
-        RawFrames f(11, 10, rng);
-        Bounds b;
-        double h[9] = {1, 0, shift, 0, 1, shift, 0, 0, 1};
-        warp(f, Rect{-10, -10, 31, 30}, h, b);
     }
 }
 

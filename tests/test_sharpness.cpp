@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -31,6 +32,24 @@ struct Burst {
 TEST(Sharpness, ScoreCountsBorderWithFullGuideValue) {
     Bytes guide(8 * 8, 10), blur(8 * 8, 0);
     EXPECT_EQ(guideSharpness(guide.data(), blur.data(), 8, 8), 7.5f);  // 48 border pixels * 10 / 64
+}
+
+// The integer shortcut of the score's sum against the float sum in pixel order:
+// lengths around vector widths, totals just below and above 2^24 (where the
+// float sum starts rounding and the plain sum must be taken).
+TEST(Sharpness, DifferenceSumEqualsTheFloatSumInPixelOrder) {
+    std::mt19937 rng(4);
+    for (std::size_t n : {std::size_t{1}, std::size_t{15}, std::size_t{33}, std::size_t{1000}, std::size_t{65793},
+                          std::size_t{65794}, std::size_t{200000}}) {
+        std::vector<unsigned char> a(n), b(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            a[i] = n >= 65793 ? 255 : static_cast<unsigned char>(rng());  // 65793 * 255 is just above 2^24
+            b[i] = n >= 65793 ? static_cast<unsigned char>(rng() % 2) : static_cast<unsigned char>(rng());
+        }
+        const float plain = sharpness_detail::differenceSumPlain(a.data(), b.data(), n);
+        const float fast = sharpness_detail::differenceSum(a.data(), b.data(), n);
+        ASSERT_EQ(std::memcmp(&plain, &fast, sizeof plain), 0) << n << ": " << plain << " vs " << fast;
+    }
 }
 
 TEST(Sharpness, ReferenceClearlySharperOrDegenerateRejectsAllOthers) {

@@ -4,10 +4,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "imgcore/fast_paths.h"
+#include "imgcore/simd_clones.h"
+
 namespace {
 
 // t(x) = k0*s(x-2) + .. + k4*s(x+2) for x in [2, width-3], wrapped to 16 bits.
 // Columns 0, 1, width-2 and width-1 of t are left unwritten.
+KEP_SIMD_CLONES
 void horizontalRow(const uint8_t* __restrict s, uint16_t* __restrict t, int width, const uint8_t* kernel) {
     const int k0 = kernel[0], k1 = kernel[1], k2 = kernel[2], k3 = kernel[3], k4 = kernel[4];
     for (int x = 2; x < width - 2; ++x)
@@ -18,6 +22,7 @@ void horizontalRow(const uint8_t* __restrict s, uint16_t* __restrict t, int widt
 // reciprocal of S*S. u <= S * 65535 and u <= 255 * S*S, so u * recip stays below
 // 256 and fits the int conversion; u itself is below 2^31, so converting it via
 // int gives the same float as via unsigned.
+KEP_SIMD_CLONES
 void verticalRow(const uint16_t* __restrict t0, const uint16_t* __restrict t1, const uint16_t* __restrict t2,
                  const uint16_t* __restrict t3, const uint16_t* __restrict t4, uint8_t* __restrict d, int width,
                  const uint8_t* kernel, float recip) {
@@ -33,6 +38,18 @@ void zeroInterior(uint8_t* dst, int width, int height, int dstStride) {
         uint8_t* d = dst + static_cast<std::ptrdiff_t>(y) * dstStride;
         for (int x = 2; x < width - 2; ++x) d[x] = 0;
     }
+}
+
+// The ring form reads source row y + 2 just before writing output row y: safe when
+// the images do not overlap, or when they are the same image with one stride.
+bool ringIsSafe(const uint8_t* src, const uint8_t* dst, int width, int height, int srcStride, int dstStride) {
+    if (srcStride < width || dstStride < width) return false;
+    if (src == dst && srcStride == dstStride) return true;
+    const auto span = [&](const uint8_t* p, int stride) {
+        return reinterpret_cast<std::uintptr_t>(p) + static_cast<std::size_t>(height - 1) * stride + width;
+    };
+    const auto s0 = reinterpret_cast<std::uintptr_t>(src), d0 = reinterpret_cast<std::uintptr_t>(dst);
+    return span(src, srcStride) <= d0 || span(dst, dstStride) <= s0;
 }
 
 }  // namespace
@@ -54,11 +71,28 @@ int gauss5x5_u8(const unsigned char* src, unsigned char* dst, int width, int hei
     }
 
     const std::size_t w = static_cast<std::size_t>(width);
+    const float recip = 1.0f / static_cast<float>(sum * sum);
+    if (kUseFastPaths && ringIsSafe(src, dst, width, height, srcStride, dstStride)) {
+        // Five intermediate rows in a ring instead of the whole intermediate image:
+        // the same values, computed in the same order, without a frame-sized
+        // allocation. An output row is written only after every source row it
+        // needs has gone through the horizontal pass, and a source row is read only
+        // before the output row of the same index is written, so in-place use
+        // reads the input as it was.
+        std::unique_ptr<uint16_t[]> ring(new uint16_t[5 * w]);
+        auto ringRow = [&](int y) { return ring.get() + static_cast<std::size_t>(y % 5) * w; };
+        for (int y = 0; y < 4; ++y) horizontalRow(src + static_cast<std::ptrdiff_t>(y) * srcStride, ringRow(y), width, kernel);
+        for (int y = 2; y < height - 2; ++y) {
+            horizontalRow(src + static_cast<std::ptrdiff_t>(y + 2) * srcStride, ringRow(y + 2), width, kernel);
+            verticalRow(ringRow(y - 2), ringRow(y - 1), ringRow(y), ringRow(y + 1), ringRow(y + 2),
+                        dst + static_cast<std::ptrdiff_t>(y) * dstStride, width, kernel, recip);
+        }
+        return 0;
+    }
     std::unique_ptr<uint16_t[]> tmp(new uint16_t[w * static_cast<std::size_t>(height)]);
     for (int y = 0; y < height; ++y)
         horizontalRow(src + static_cast<std::ptrdiff_t>(y) * srcStride, tmp.get() + y * w, width, kernel);
 
-    const float recip = 1.0f / static_cast<float>(sum * sum);
     for (int y = 2; y < height - 2; ++y) {
         const uint16_t* t = tmp.get() + (y - 2) * w;
         verticalRow(t, t + w, t + 2 * w, t + 3 * w, t + 4 * w, dst + static_cast<std::ptrdiff_t>(y) * dstStride,

@@ -1,11 +1,14 @@
 #include "motion/block_matching.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
+#include "imgcore/simd_clones.h"
 #include "motion/hessian.h"
 #include "motion/subpixel.h"
 
@@ -19,14 +22,20 @@ namespace {
 struct PowerTable {
     float exponent;
     int values[256];
+    bool squares;  // values[d] == d * d for every d
 };
 
-thread_local PowerTable powerTable = {0.0f, {1}};
+thread_local PowerTable powerTable = {0.0f, {1}, false};
 
 void rebuildPowerTableIfNeeded(float power) {
     if (!(std::fabs(powerTable.exponent - power) > 0.001f)) return;
-    for (int d = 0; d < 256; ++d) powerTable.values[d] = truncToInt(std::pow(static_cast<double>(d), static_cast<double>(power)));
+    bool squares = true;
+    for (int d = 0; d < 256; ++d) {
+        powerTable.values[d] = truncToInt(std::pow(static_cast<double>(d), static_cast<double>(power)));
+        squares = squares && powerTable.values[d] == d * d;
+    }
     powerTable.exponent = power;
+    powerTable.squares = squares;
 }
 
 // Offset of the searched block from the reference block's position.
@@ -215,20 +224,88 @@ bool gatherSubpixelSamples(const QNMatchSingleBlockParam_& p, Displacement resul
 
 }  // namespace
 
-double qnCalcMad(unsigned char* a, unsigned char* b, Rect ra, Rect rb, int /*height*/, int stride, float power) {
-    const bool plain = power == 1.0f;
-    if (!plain) rebuildPowerTableIfNeeded(power);
-    if (ra.height < 1) return 0.0;
+namespace block_matching_detail {
+
+double madPlain(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                const int* table) {
     double sum = 0.0;
     for (int j = 0; j < ra.height; ++j) {
         const unsigned char* rowA = a + static_cast<long>(ra.y + j) * stride + ra.x;
         const unsigned char* rowB = b + static_cast<long>(rb.y + j) * stride + rb.x;
         for (int i = 0; i < ra.width; ++i) {
             const int d = std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]));
-            sum += plain ? static_cast<double>(d) : static_cast<double>(powerTable.values[d]);
+            sum += plain ? static_cast<double>(d) : static_cast<double>(table[d]);
         }
     }
     return sum / ra.width / ra.height;
+}
+
+// Every term is a whole number in 0..2^31-1, so a 64-bit integer total is exact,
+// and so is every partial sum of the plain double accumulation while the block has
+// at most 2^22 samples: both give the same total, which converts exactly.
+// Sum of squared differences over a block: what a table of squares gives, but
+// without the look-up, so that the row loop vectorises. Rows are summed in int
+// (at most 2^15 squares below 2^16 each) and the block in 64 bits.
+KEP_SIMD_CLONES
+long long squaredBlockSum(const unsigned char* a, const unsigned char* b, long strideA, long strideB, int width,
+                          int height) {
+    long long total = 0;
+    for (int j = 0; j < height; ++j) {
+        const unsigned char* __restrict rowA = a + j * strideA;
+        const unsigned char* __restrict rowB = b + j * strideB;
+        for (int i0 = 0; i0 < width; i0 += 32768) {
+            const int end = width - i0 < 32768 ? width : i0 + 32768;
+            int sum = 0;
+            for (int i = i0; i < end; ++i) {
+                const int d = static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]);
+                sum += d * d;
+            }
+            total += sum;
+        }
+    }
+    return total;
+}
+
+double madSquares(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride) {
+    const long long total = squaredBlockSum(a + static_cast<long>(ra.y) * stride + ra.x,
+                                            b + static_cast<long>(rb.y) * stride + rb.x, stride, stride, ra.width,
+                                            ra.height);
+    return static_cast<double>(total) / ra.width / ra.height;
+}
+
+double madInteger(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                  const int* table) {
+    long long total = 0;
+    for (int j = 0; j < ra.height; ++j) {
+        const unsigned char* rowA = a + static_cast<long>(ra.y + j) * stride + ra.x;
+        const unsigned char* rowB = b + static_cast<long>(rb.y + j) * stride + rb.x;
+        long long rowSum = 0;
+        if (plain) {
+            for (int i = 0; i < ra.width; ++i) rowSum += std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]));
+        } else {
+            for (int i = 0; i < ra.width; ++i) rowSum += table[std::abs(static_cast<int>(rowA[i]) - static_cast<int>(rowB[i]))];
+        }
+        total += rowSum;
+    }
+    return static_cast<double>(total) / ra.width / ra.height;
+}
+
+bool madFitsInteger(Rect ra) {
+    return ra.width > 0 && ra.height > 0 && static_cast<long long>(ra.width) * ra.height <= (1LL << 22);
+}
+
+}  // namespace block_matching_detail
+
+double qnCalcMad(unsigned char* a, unsigned char* b, Rect ra, Rect rb, int /*height*/, int stride, float power) {
+    const bool plain = power == 1.0f;
+    if (!plain) rebuildPowerTableIfNeeded(power);
+    if (ra.height < 1) return 0.0;
+    if (kUseFastPaths && block_matching_detail::madFitsInteger(ra)) {
+        if (!plain && powerTable.squares)
+            return block_matching_detail::madSquares(a, b, ra, rb, stride);
+        return block_matching_detail::madInteger(a, b, ra, rb, stride, plain, powerTable.values);
+    }
+    return block_matching_detail::madPlain(a, b, ra, rb, stride, plain, powerTable.values);
 }
 
 bool compare_dist(FP_Match a, FP_Match b) { return a.dist < b.dist; }

@@ -29,3 +29,18 @@ KEP_API double qnCalcMad(unsigned char* a, unsigned char* b, Rect ra, Rect rb, i
 
 // Orders matches by ascending dist.
 KEP_API bool compare_dist(FP_Match a, FP_Match b);
+
+namespace block_matching_detail {
+// The two forms behind qnCalcMad for a block of at least one row: madPlain sums
+// every term in double precision as defined; madInteger sums in 64-bit integers,
+// which gives the same total for blocks of at most 2^22 samples (madFitsInteger).
+// plain selects |a - b| itself (exponent 1), otherwise table[|a - b|] is summed.
+double madPlain(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                const int* table);
+double madInteger(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride, bool plain,
+                  const int* table);
+bool madFitsInteger(Rect ra);
+// madInteger for a table of squares (table[d] == d * d), computed without the
+// table.
+double madSquares(const unsigned char* a, const unsigned char* b, Rect ra, Rect rb, int stride);
+}  // namespace block_matching_detail

@@ -5,6 +5,8 @@
 #include <limits>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
+
 namespace {
 
 constexpr int kMaxCorrespondences = 1000;
@@ -45,9 +47,10 @@ bool allFinite(const Matrix& m) {
 // weighted by W, and writes the result into the 2x3 H. Every product goes through
 // matrix_dot_product in the association ((Ninv * P) * b) with N = P * A, so that
 // results agree to the last bit.
-int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Matrix* W, Matrix& H) {
+int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Matrix* W, Matrix& H,
+                         const double* diagonal = nullptr) {
     const size_t count = static_cast<size_t>(n);
-    std::vector<double> a(3 * count), at(3 * count), weighted(W ? 3 * count : 0), m(3 * count);
+    std::vector<double> a(3 * count), at(3 * count), weighted(W || diagonal ? 3 * count : 0), m(3 * count);
     std::vector<double> bx(count), by(count);
     for (size_t i = 0; i < count; ++i) {
         a[3 * i] = src[i].x;
@@ -63,7 +66,16 @@ int solveNormalEquations(const Point2f* src, const Point2f* dst, int n, const Ma
     Matrix P = At;
     if (W) {
         P = matrixWrap(weighted.data(), 3, n);
-        weightedTransposeProduct(At, *W, P);
+        if (kUseFastPaths)
+            weightedTransposeProduct(At, *W, P);
+        else
+            matrix_dot_product(At, *W, P);
+    } else if (diagonal) {
+        // The full product with a diagonal weight matrix: each element reduces to
+        // +0.0 + At(i,j) * w_j while At is finite (see weightedTransposeProduct).
+        P = matrixWrap(weighted.data(), 3, n);
+        for (int i = 0; i < 3; ++i)
+            for (size_t j = 0; j < count; ++j) weighted[i * count + j] = 0.0 + at[i * count + j] * diagonal[j];
     }
 
     double normal[9], normalInverse[9];
@@ -107,9 +119,24 @@ void weightedTransposeProduct(Matrix At, Matrix W, Matrix& P) {
                 0.0 + At.data[static_cast<size_t>(i) * n + j] * W.data[static_cast<size_t>(j) * n + j];
 }
 
+bool mapThroughProduct(const Matrix& H, double x, double y, double& u, double& v) {
+    if (H.cols != 3 || H.rows < 2 || H.data == nullptr) return false;
+    double column[3] = {x, y, 1.0};
+    std::vector<double> product(static_cast<size_t>(H.rows));
+    Matrix out = matrixWrap(product.data(), H.rows, 1);
+    matrix_dot_product(H, matrixWrap(column, 3, 1), out);
+    u = product[0];
+    v = product[1];
+    return true;
+}
+
+bool mapPoint(const Matrix& H, double x, double y, double& u, double& v) {
+    return kUseFastPaths ? mapThroughModel(H, x, y, u, v) : mapThroughProduct(H, x, y, u, v);
+}
+
 double calc_homo_error(Matrix H, Point2f p, Point2f q) {
     double u, v;
-    if (!mapThroughModel(H, p.x, p.y, u, v)) return std::numeric_limits<double>::quiet_NaN();
+    if (!mapPoint(H, p.x, p.y, u, v)) return std::numeric_limits<double>::quiet_NaN();
     const double du = q.x - u;
     const double dv = q.y - v;
     return du * du + dv * dv;
@@ -160,6 +187,19 @@ int calc_homo_wlsq(Point2f* src, Point2f* dst, Matrix& H, Matrix W, int n) {
     if (!isModelShape(H)) return 1;
     if (W.rows != n || W.cols != n || W.data == nullptr) return 1;
     return solveNormalEquations(src, dst, n, &W, H);
+}
+
+int calcHomoWlsqDiagonal(const Point2f* src, const Point2f* dst, Matrix& H, const double* weights, int n) {
+    if (n > kMaxCorrespondences) return 1;
+    if (H.state == 0) allocateModel(H);
+    if (n < 3) {
+        setIdentity(H);
+        return 1;
+    }
+    if (!isModelShape(H)) return 1;
+    for (int i = 0; i < n; ++i)
+        if (!std::isfinite(src[i].x) || !std::isfinite(src[i].y)) return -1;
+    return solveNormalEquations(src, dst, n, nullptr, H, weights);
 }
 
 double linearity_error(Point2f* pts, int n) {

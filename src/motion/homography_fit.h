@@ -53,6 +53,20 @@ inline bool mapThroughModel(const Matrix& H, double x, double y, double& u, doub
     return true;
 }
 
+// The plain form of the same mapping: the product H * [x y 1]^T through
+// matrix_dot_product. Same shape rule and results as mapThroughModel.
+bool mapThroughProduct(const Matrix& H, double x, double y, double& u, double& v);
+
+// The mapping used by calc_homo_error and RANSAC's inlier tests: mapThroughModel
+// in the fast build, mapThroughProduct when plain paths are forced.
+bool mapPoint(const Matrix& H, double x, double y, double& u, double& v);
+
+// calc_homo_wlsq with the n x n weight matrix diag(weights), without forming it:
+// the same model and status, for source points with finite coordinates. Returns
+// -1, H untouched (though an empty H is allocated), when some source coordinate is
+// not finite; the caller then takes calc_homo_wlsq itself.
+int calcHomoWlsqDiagonal(const Point2f* src, const Point2f* dst, Matrix& H, const double* weights, int n);
+
 // P = At * W for a 3 x n At and an n x n W. When every off-diagonal weight is zero
 // and every entry of At is finite, each element of the full product reduces
 // exactly to +0.0 + At(i,j)*W(j,j) (the zero terms add signed zeros that cannot

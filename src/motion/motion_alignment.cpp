@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "motion/block_match_types.h"
 #include "motion/block_matching.h"
 #include "motion/homography_fit.h"
@@ -132,22 +133,30 @@ void fillFromNeighbourhood(const Matrix& H, const GridCell& cell, Matches& m, do
     }
 }
 
+// One weighted fit with the diagonal weights w: through the k x k weight matrix
+// as defined, or (fast form) from the diagonal alone.
+void fitWeighted(const Point2f* src, const Point2f* dst, Matrix& H, const std::vector<double>& w, int k) {
+    if (kUseFastPaths && calcHomoWlsqDiagonal(src, dst, H, w.data(), k) != -1) return;
+    std::vector<double> weights(static_cast<size_t>(k) * k, 0.0);
+    for (int i = 0; i < k; ++i) weights[static_cast<size_t>(i) * k + i] = w[static_cast<size_t>(i)];
+    calc_homo_wlsq(const_cast<Point2f*>(src), const_cast<Point2f*>(dst), H, matrixWrap(weights.data(), k, k), k);
+}
+
 // Weighted fits in both directions and the weighted RMS transfer error.
 void fitCellModels(GridCell& cell, CellPoints& pts, double weightScale) {
     const int k = pts.count;
-    std::vector<double> weights(static_cast<size_t>(k) * k, 0.0);
-    for (int i = 0; i < k; ++i) weights[static_cast<size_t>(i) * k + i] = std::exp(-(pts.error[i] * weightScale));
-    const Matrix W = matrixWrap(weights.data(), k, k);
-    calc_homo_wlsq(pts.current.data(), pts.reference.data(), cell.homography, W, k);
-    calc_homo_wlsq(pts.reference.data(), pts.current.data(), cell.inverseHomography, W, k);
+    std::vector<double> w(static_cast<size_t>(k));
+    for (int i = 0; i < k; ++i) w[static_cast<size_t>(i)] = std::exp(-(pts.error[i] * weightScale));
+    fitWeighted(pts.current.data(), pts.reference.data(), cell.homography, w, k);
+    fitWeighted(pts.reference.data(), pts.current.data(), cell.inverseHomography, w, k);
     ensureModel(cell.homography);
     ensureModel(cell.inverseHomography);
 
     double s = 0.0;
     for (int i = 0; i < k; ++i) {
-        const double w = weights[static_cast<size_t>(i) * k + i];
+        const double wi = w[static_cast<size_t>(i)];
         const double e = calc_homo_error(cell.homography, pts.current[i], pts.reference[i]);
-        s += w * (e * w);
+        s += wi * (e * wi);
     }
     cell.fitError = std::fabs(std::sqrt(s / static_cast<double>(k - 1)));
 }
@@ -199,13 +208,26 @@ int widestBlankBand(const short* dstRaw, int quadCols, int top, int bottom, bool
 
 }  // namespace
 
-int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareGuide*/, unsigned char* refGuide,
-                                QNGridFeaturePointList& grid, Size halfBlock, int featureCount, double weightScale,
-                                double inlierLimit, int width, int height, short* plane0, short* plane1,
-                                short* plane2, short* plane3, short* plane4, short* plane5, short* plane6,
-                                short* plane7, short* srcRaw, short* dstRaw, int* validTop, int* validBottom,
-                                int* validLeft, int* validRight, char* rejectFlag, int* ambiguousCount,
-                                int featureTotal, int frameIndex) {
+int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char* refGuide,
+                                         QNGridFeaturePointList& grid, Size halfBlock, int featureCount,
+                                         double weightScale, double inlierLimit, int width, int height, short* srcRaw,
+                                         short* dstRaw, int* validTop, int* validBottom, int* validLeft,
+                                         int* validRight, char* rejectFlag, int* ambiguousCount, int featureTotal,
+                                         int frameIndex, bool dstPrefilled, short* writeBack) {
+    // An unfilled destination receives -1 wherever the warp leaves it, and all of
+    // it when the frame is rejected before the warp.
+    const size_t rawSamples = 16 * static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
+    auto fillDestination = [&] {
+        if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
+    };
+    // On the paths that end before the warp: the whole buffer, as it was left.
+    auto writeBackAll = [&] {
+        if (writeBack != nullptr) raw_warp_detail::clampToTenBits(dstRaw, writeBack, rawSamples);
+    };
+    if (width % 2 != 0 || height % 2 != 0) {  // the cells would not tile the frame
+        fillDestination();
+        dstPrefilled = true;
+    }
     const int capacity = std::max(featureCount, 0);
     Matches m;
     m.list.assign(capacity, FP_Match{});
@@ -232,6 +254,8 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     const float ambiguousShare = static_cast<float>(*ambiguousCount) / static_cast<float>(featureTotal);
     if (static_cast<unsigned>(frameIndex) >= 2u && static_cast<double>(ambiguousShare) > kMaxAmbiguousShare) {
         *rejectFlag = 1;
+        fillDestination();
+        writeBackAll();
         return 0;
     }
 
@@ -248,6 +272,8 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     if (!isAffineModel(H)) {
         matrixRelease(H);
         *rejectFlag = 1;
+        fillDestination();
+        writeBackAll();
         return 0;
     }
 
@@ -258,12 +284,26 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     const int quadCols = 2 * width, quadRows = 2 * height;
     int top = 0, bottom = quadRows - 1;
     int reportedTop = 0, reportedBottom = 0;
+    Rect rects[kGridSide * kGridSide];
+    const double* models[kGridSide * kGridSide];
     for (int c = 0; c < kGridSide * kGridSide; ++c) {
         GridCell& cell = grid.cells[c];
         ensureModel(cell.inverseHomography);
-        qnWarpImgRaw(Rect{cell.x, cell.y, cell.width, cell.height}, cell.inverseHomography, quadCols, quadRows, 0, 0,
-                     plane0, plane1, plane2, plane3, plane4, plane5, plane6, plane7, &reportedTop, &reportedBottom,
-                     srcRaw, dstRaw, &top, &bottom);
+        rects[c] = Rect{cell.x, cell.y, cell.width, cell.height};
+        models[c] = cell.inverseHomography.data;
+    }
+    if (dstPrefilled) {
+        for (int c = 0; c < kGridSide * kGridSide; ++c)
+            qnWarpImgRaw(rects[c], grid.cells[c].inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr,
+                         nullptr, nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw,
+                         &top, &bottom);
+        writeBackAll();
+    } else {
+        // The cells tile the frame, so every quad is written once; the cells of a
+        // grid row are warped together row by row, and each warped row is written
+        // back as soon as no later row reads it.
+        raw_warp_detail::warpCellsByRows(rects, models, kGridSide * kGridSide, quadCols, quadRows, &reportedTop,
+                                         &reportedBottom, srcRaw, dstRaw, &top, &bottom, true, writeBack);
     }
 
     const int lastRow = quadRows - 1;
@@ -286,4 +326,17 @@ int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareG
     *validLeft = std::max(*validLeft, leftMax);
     *validRight = std::min(*validRight, (quadCols - 1) - rightMax);
     return 0;
+}
+
+int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* /*spareGuide*/, unsigned char* refGuide,
+                                QNGridFeaturePointList& grid, Size halfBlock, int featureCount, double weightScale,
+                                double inlierLimit, int width, int height, short* /*plane0*/, short* /*plane1*/,
+                                short* /*plane2*/, short* /*plane3*/, short* /*plane4*/, short* /*plane5*/,
+                                short* /*plane6*/, short* /*plane7*/, short* srcRaw, short* dstRaw, int* validTop,
+                                int* validBottom, int* validLeft, int* validRight, char* rejectFlag,
+                                int* ambiguousCount, int featureTotal, int frameIndex) {
+    return motion_alignment_detail::alignImages(curGuide, refGuide, grid, halfBlock, featureCount, weightScale,
+                                                inlierLimit, width, height, srcRaw, dstRaw, validTop, validBottom,
+                                                validLeft, validRight, rejectFlag, ambiguousCount, featureTotal,
+                                                frameIndex, true, nullptr);
 }

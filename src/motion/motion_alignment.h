@@ -27,3 +27,17 @@ KEP_API int QNMotion_alignImages_native(unsigned char* curGuide, unsigned char* 
                                         short* plane6, short* plane7, short* srcRaw, short* dstRaw, int* validTop,
                                         int* validBottom, int* validLeft, int* validRight, char* rejectFlag,
                                         int* ambiguousCount, int featureTotal, int frameIndex);
+
+namespace motion_alignment_detail {
+// QNMotion_alignImages_native without the ignored arguments. With dstPrefilled
+// false, dstRaw may hold anything on entry and ends exactly as a pre-filled one
+// would: the warp writes -1 into every quad it does not blend (the 16 cell
+// rectangles must then tile the frame: width and height even) and a frame
+// rejected before the warp gets -1 everywhere. With writeBack given, it receives
+// dstRaw clamped to 0..1023 on every path (raw frame sized); it may be srcRaw
+// itself, whose rows are then overwritten only once the warp no longer reads them.
+int alignImages(unsigned char* curGuide, unsigned char* refGuide, QNGridFeaturePointList& grid, Size halfBlock,
+                int featureCount, double weightScale, double inlierLimit, int width, int height, short* srcRaw,
+                short* dstRaw, int* validTop, int* validBottom, int* validLeft, int* validRight, char* rejectFlag,
+                int* ambiguousCount, int featureTotal, int frameIndex, bool dstPrefilled, short* writeBack);
+}  // namespace motion_alignment_detail

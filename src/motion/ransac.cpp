@@ -16,7 +16,7 @@ constexpr int kDrawsPerSample = 500;
 // float, must lie strictly below threshold^2. The model's shape has been checked.
 bool isInlier(const Matrix& H, Point2f s, Point2f d, float squaredThreshold) {
     double u = 0.0, v = 0.0;
-    mapThroughModel(H, s.x, s.y, u, v);
+    mapPoint(H, s.x, s.y, u, v);
     const double du = d.x - u;
     const double dv = d.y - v;
     const float err = static_cast<float>(du * du + dv * dv);

@@ -16,3 +16,13 @@ KEP_API void enlightenOutput(short* in, short* out, float gain, int width, int h
 
 // out = max(in - b, 0) per quad site. In place allowed.
 KEP_API void removeBLC(const short* in, short* out, int width, int height, int* order);
+
+namespace black_level_detail {
+// The two forms behind enlightenOutput: brightenPlain walks the quads with the
+// saturating conversion; brightenRows converts whole rows with the plain one, which
+// is the same wherever brightenStaysInRange(gain, order) holds. brightenRows needs
+// in == out or two buffers that do not overlap.
+void brightenPlain(const short* in, short* out, float gain, int width, int height, const int* order);
+void brightenRows(const short* in, short* out, float gain, int width, int height, const int* order);
+bool brightenStaysInRange(float gain, const int* order);
+}  // namespace black_level_detail

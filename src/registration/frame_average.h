@@ -15,4 +15,21 @@ namespace frame_average_detail {
 // Last step of the general case: output[p] = (output[p] + last[p] + n - 1) / n,
 // through the division table when given, else by 32-bit signed division.
 void divideLastSum(short* output, const short* last, long count, int n, const unsigned short* table);
+
+// x / n == ((x * multiplier) >> 16) >> shift for every x in 0..32767, n = 2..16.
+struct Reciprocal {
+    unsigned multiplier;
+    int shift;
+};
+Reciprocal reciprocalFor(int n);
+
+// The general case (n = 3 or n >= 5) as defined: copy frame 0, add frames 1 .. n-2
+// in place, divide the last sum through the table.
+void averageTable(const short* const* frames, short* output, long count, int n);
+
+// The general case (n = 3 or 5..16) in one pass over every frame: equal to the
+// copy, the in-place additions and the table division, for an output that
+// overlaps no frame (framesApart).
+void averageChunked(const short* const* frames, short* output, long count, int n);
+bool framesApart(const short* const* frames, const short* output, long count, int n);
 }  // namespace frame_average_detail

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -9,6 +10,8 @@
 #include "diagnostics/platform_log.h"
 #include "features/feature_types.h"
 #include "features/grid_features.h"
+#include "imgcore/fast_paths.h"
+#include "imgcore/simd_clones.h"
 #include "motion/motion_alignment.h"
 #include "registration/black_level.h"
 #include "registration/frame_average.h"
@@ -82,15 +85,21 @@ struct BurstScratch {
     BurstScratch& operator=(const BurstScratch&) = delete;
 };
 
-// Guides of every frame from their black-level-corrected copies.
+// Guides of every frame from their black-level-corrected copies. The fast form
+// removes the black level on the fly instead of writing the corrected copy.
 void buildGuides(short** frames, BurstScratch& s, int width, int height, int grayGain, const int* blackLevelOrder) {
     const size_t pixels = static_cast<size_t>(width) * height / 16;
-    std::unique_ptr<short[]> corrected(new short[static_cast<size_t>(width) * height]);
     int order[4] = {blackLevelOrder[0], blackLevelOrder[1], blackLevelOrder[2], blackLevelOrder[3]};
+    const bool fused = kUseFastPaths && guide_detail::blackLevelsFitSamples(order);
+    std::unique_ptr<short[]> corrected(fused ? nullptr : new short[static_cast<size_t>(width) * height]);
     for (int i = 0; i < s.frameCount; ++i) {
-        removeBLC(frames[i], corrected.get(), width, height, order);
         s.guides[i] = static_cast<unsigned char*>(std::calloc(pixels, 1));
-        bayer_to_8bit_gray(corrected.get(), s.guides[i], width, height, grayGain, i);
+        if (fused) {
+            guide_detail::guideFromRaw(frames[i], order, s.guides[i], width, height, grayGain);
+        } else {
+            removeBLC(frames[i], corrected.get(), width, height, order);
+            bayer_to_8bit_gray(corrected.get(), s.guides[i], width, height, grayGain, i);
+        }
         if (width * height >= 16 && i < 2) matchShortExposure(s.guides[i], pixels, i);
     }
 }
@@ -118,7 +127,8 @@ int detectReferenceFeatures(BurstScratch& s, unsigned char* edgeMask, int g, int
     return *detected ? count : 0;
 }
 
-void writeBackClamped(const short* aligned, short* frame, size_t samples) {
+KEP_SIMD_CLONES
+void writeBackClamped(const short* __restrict aligned, short* __restrict frame, size_t samples) {
     for (size_t k = 0; k < samples; ++k) frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
 }
 
@@ -139,6 +149,18 @@ void fillBorder(short* output, int width, int height, const USERZOOM& zoom) {
     fillRows(output, width, bottom, height);
 }
 
+bool outputApartFromFrames(short** frames, int frameCount, const short* output, int width, int height) {
+    const size_t samples = static_cast<size_t>(width) * height;
+    const auto lo = reinterpret_cast<std::uintptr_t>(output);
+    const auto hi = reinterpret_cast<std::uintptr_t>(output + samples);
+    for (int i = 0; i < frameCount; ++i) {
+        const auto a = reinterpret_cast<std::uintptr_t>(frames[i]);
+        const auto b = reinterpret_cast<std::uintptr_t>(frames[i] + samples);
+        if (a < hi && lo < b) return false;
+    }
+    return true;
+}
+
 struct ValidBox {
     int top, bottom, left, right;  // in quads (two raw samples)
 };
@@ -146,21 +168,30 @@ struct ValidBox {
 // Aligns every frame still in use onto the reference and writes it back over the
 // caller's frame. Returns the number of usable frames left.
 int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int width, int height,
-                double inlierLimit, ValidBox& box) {
+                double inlierLimit, ValidBox& box, short* scratch) {
     const int g = width / 4, gh = height / 4;
     const size_t samples = static_cast<size_t>(width) * height;
-    Bytes alignedGray = allocateBytes(samples / 16);
-    std::unique_ptr<short[]> aligned(new short[samples]);
+    // One raw alignment buffer for all frames: the caller's scratch when given, else
+    // a buffer of our own. (The alignment's spare gray buffer is never read, so
+    // none is allocated for it.)
+    std::unique_ptr<short[]> owned(scratch != nullptr ? nullptr : new short[samples]);
+    short* const alignedBuffer = scratch != nullptr ? scratch : owned.get();
+    // The plain form fills the buffer with -1 before every alignment. The fast form
+    // lets the alignment write every sample itself (-1 where the warp has no
+    // source), which leaves the same buffer; it needs the warp's cells to tile the
+    // whole raw frame.
+    const bool alignmentFills = kUseFastPaths && width % 8 == 0 && height % 8 == 0;
     for (int i = 0; i < s.frameCount; ++i) {
         if (i == kReferenceIndex || s.rejectFlags[i] == 1) continue;
-        std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+        if (!alignmentFills) std::fill(alignedBuffer, alignedBuffer + samples, static_cast<short>(-1));
         int ambiguous = 0;
-        QNMotion_alignImages_native(s.guides[i], alignedGray.get(), s.guides[kReferenceIndex], s.points, Size{6, 6},
-                                    pointCount, 2.0, inlierLimit, g, gh, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                    nullptr, nullptr, nullptr, frames[i], aligned.get(), &box.top, &box.bottom,
-                                    &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i);
+        motion_alignment_detail::alignImages(s.guides[i], s.guides[kReferenceIndex], s.points, Size{6, 6}, pointCount,
+                                             2.0, inlierLimit, g, gh, frames[i], alignedBuffer, &box.top, &box.bottom,
+                                             &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i,
+                                             !alignmentFills, alignmentFills ? frames[i] : nullptr);
         if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
-        writeBackClamped(aligned.get(), frames[i], samples);
+        // The fast form has had the alignment write the frame back row by row.
+        if (!alignmentFills) writeBackClamped(alignedBuffer, frames[i], samples);
     }
     return usable;
 }
@@ -200,7 +231,13 @@ void qnFrameRegistration(short** frames, short* output, int frameCount, int* usa
         bool merged = false;
         if (detected && pointCount >= minFeatureCount && *usableFrameCount != 1) {
             ValidBox box{0, height / 2 - 1, 0, width / 2 - 1};
-            *usableFrameCount = alignFrames(frames, s, pointCount, *usableFrameCount, width, height, inlierLimit, box);
+            // Unless only aligning, every path from here writes all of output (the
+            // merge or the reference copy), so until then its memory can serve as
+            // the alignment buffer, provided it is none of the frames.
+            const bool outputIsScratch =
+                kUseFastPaths && !alignOnly && outputApartFromFrames(frames, frameCount, output, width, height);
+            *usableFrameCount = alignFrames(frames, s, pointCount, *usableFrameCount, width, height, inlierLimit, box,
+                                            outputIsScratch ? output : nullptr);
             if (*usableFrameCount > 1) {
                 // Valid area in samples: 10 in from the top and left, 12 short of the
                 // last row and column.

@@ -27,3 +27,18 @@ KEP_API void histogram_equalization(unsigned char* src, unsigned char* dst, int 
 
 // gauss5x5_u8 with the kernel 1 2 4 2 1 and both strides equal to width.
 KEP_API void imageBlur(unsigned char* src, unsigned char* dst, int width, int height);
+
+namespace guide_detail {
+// True when every black level lies in 0..32767, so that a sample less its level,
+// clamped at 0, always fits 16 bits (removeBLC then never wraps).
+bool blackLevelsFitSamples(const int* order);
+
+// The guide of removeBLC(raw, order) built in one pass without the corrected copy:
+// equal to removeBLC into a temporary followed by bayer_to_8bit_gray, for black
+// levels that pass blackLevelsFitSamples.
+void guideFromRaw(const short* raw, const int* order, unsigned char* guide, int width, int height, int grayGain);
+
+// The plain 25-tap form of conImageBlur (for width and height of at least 5); the
+// fast form sums a horizontal and a vertical 5-tap pass, which is exact.
+void blurPlain(unsigned char* src, unsigned char* dst, int width, int height, bool box);
+}  // namespace guide_detail

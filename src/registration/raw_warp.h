@@ -25,3 +25,32 @@ KEP_API int qnWarpImgRaw(Rect region, Matrix model, int quadCols, int quadRows, 
                          short* plane0, short* plane1, short* plane2, short* plane3, short* plane4, short* plane5,
                          short* plane6, short* plane7, int* reportedTop, int* reportedBottom, short* srcRaw,
                          short* dstRaw, int* topAcc, int* bottomAcc);
+
+namespace raw_warp_detail {
+// The two forms behind qnWarpImgRaw (h: the model's first six coefficients):
+// warpPlain follows the definition quad by quad and site by site; warpRuns plans
+// a whole row of runs at once and blends consecutive runs that read the same
+// source rows with the same weights and shift as one vectorised span. Both give
+// the same samples and bounds for every model. With fillGaps, warpRuns also writes
+// -1 into every quad of the rectangle (inside the frame) that it does not blend:
+// the result a destination pre-filled with -1 would hold, without the fill.
+int warpPlain(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
+              const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc);
+int warpRuns(Rect region, const double* h, int quadCols, int quadRows, int* reportedTop, int* reportedBottom,
+             const short* srcRaw, short* dstRaw, int* topAcc, int* bottomAcc, bool fillGaps);
+
+// warpRuns over a list of rectangles, with exactly the samples and bounds of one
+// warpRuns call per rectangle in list order, for rectangles that do not overlap.
+// Consecutive rectangles covering the same rows are walked row by row across all
+// of them, which reads and writes whole frame rows in turn.
+// When clampedCopy is given, it receives every sample of dstRaw clamped to
+// 0..1023 (the whole frame of 2*quadCols x 2*quadRows samples). It may be srcRaw
+// itself: a quad row is copied only once no later output row can read it as a
+// source, which keeps the rows in the cache between the warp and the copy.
+int warpCellsByRows(const Rect* regions, const double* const* models, int cellCount, int quadCols, int quadRows,
+                    int* reportedTop, int* reportedBottom, const short* srcRaw, short* dstRaw, int* topAcc,
+                    int* bottomAcc, bool fillGaps, short* clampedCopy = nullptr);
+
+// out[k] = clamp(in[k], 0, 1023).
+void clampToTenBits(const short* in, short* out, std::size_t count);
+}  // namespace raw_warp_detail

@@ -7,7 +7,9 @@
 #include <cstring>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "imgcore/gauss5x5.h"
+#include "imgcore/simd_clones.h"
 
 namespace {
 
@@ -47,12 +49,38 @@ void edgeRow(const uint8_t* __restrict up, const uint8_t* __restrict mid, const 
 
 }  // namespace
 
+float sharpness_detail::differenceSumPlain(const unsigned char* a, const unsigned char* b, std::size_t n) {
+    float sum = 0.0f;
+    for (std::size_t i = 0; i < n; ++i) sum += static_cast<float>(std::abs(a[i] - b[i]));
+    return sum;
+}
+
+namespace {
+
+KEP_SIMD_CLONES
+std::uint64_t differenceTotal(const unsigned char* __restrict a, const unsigned char* __restrict b, std::size_t n) {
+    std::uint64_t total = 0;
+    for (std::size_t i = 0; i < n; ++i) total += static_cast<std::uint32_t>(std::abs(a[i] - b[i]));
+    return total;
+}
+
+}  // namespace
+
+// The terms are whole numbers >= 0, so every partial sum is at most the total:
+// while the total stays below 2^24, every single-precision addition is exact and
+// the sum in pixel order is the integer total itself.
+float sharpness_detail::differenceSum(const unsigned char* a, const unsigned char* b, std::size_t n) {
+    if (kUseFastPaths) {
+        const std::uint64_t total = differenceTotal(a, b, n);
+        if (total < (1u << 24)) return static_cast<float>(total);
+    }
+    return differenceSumPlain(a, b, n);
+}
+
 float guideSharpness(const unsigned char* guide, unsigned char* blur, int width, int height) {
     gauss5x5_u8(guide, blur, width, height, width, width, kBlurKernel);
     const std::size_t n = width > 0 && height > 0 ? static_cast<std::size_t>(width) * height : 0;
-    float sum = 0.0f;
-    for (std::size_t i = 0; i < n; ++i) sum += static_cast<float>(std::abs(guide[i] - blur[i]));
-    return sum / static_cast<float>(width * height);
+    return sharpness_detail::differenceSum(guide, blur, n) / static_cast<float>(width * height);
 }
 
 void getClearestFrame(unsigned char** guides, int frameCount, int* referenceIndex, char* rejectFlags,

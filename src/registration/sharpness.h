@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "imgcore/kep_export.h"
 
 // Scores the guides of frames 2 .. frameCount-1 for sharpness (mean absolute
@@ -26,3 +28,11 @@ KEP_API void edgeDetection(unsigned char* src, unsigned char* mask, int width, i
 // width * height bytes whose two-pixel border is 0; only its interior is
 // rewritten, so the border pixels count with their full guide value.
 float guideSharpness(const unsigned char* guide, unsigned char* blur, int width, int height);
+
+namespace sharpness_detail {
+// Sum of |a[i] - b[i]| accumulated in single precision in index order (plain),
+// and the same value taken from the exact integer total while that total is
+// below 2^24 (differenceSum, which falls back to the plain sum otherwise).
+float differenceSumPlain(const unsigned char* a, const unsigned char* b, std::size_t n);
+float differenceSum(const unsigned char* a, const unsigned char* b, std::size_t n);
+}  // namespace sharpness_detail
