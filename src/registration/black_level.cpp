@@ -21,56 +21,43 @@ void getBayerBLCorder(int* order, int pattern, int bl0, int bl1, int bl2, int bl
 
 namespace {
 
-inline short brighten(short in, int black, float gain, float blackF) {
-    const float value = static_cast<float>(in - black) * gain + blackF;
-    // A huge or non-finite gain saturates instead of being undefined; every finite
-    // in-range result is the plain truncation.
-    return static_cast<short>(truncToInt(value));
+// Applies op(sample, site) to every whole quad, site 0..3 in quad order. Both rows
+// of a quad are read before any of its outputs is written, so in-place use is safe.
+template <typename Op>
+void mapQuads(const short* in, short* out, int width, int height, Op op) {
+    for (int r = 0; r + 1 < height; r += 2) {
+        const short* in0 = in + static_cast<long>(r) * width;
+        const short* in1 = in0 + width;
+        short* out0 = out + static_cast<long>(r) * width;
+        short* out1 = out0 + width;
+        for (int c = 0; c + 1 < width; c += 2) {
+            const short a = in0[c], b = in0[c + 1], d = in1[c], e = in1[c + 1];
+            out0[c] = op(a, 0);
+            out0[c + 1] = op(b, 1);
+            out1[c] = op(d, 2);
+            out1[c + 1] = op(e, 3);
+        }
+    }
 }
 
 }  // namespace
 
 void enlightenOutput(short* in, short* out, float gain, int width, int height, int* order) {
-    const int b0 = order[0], b1 = order[1], b2 = order[2], b3 = order[3];
-    const float f0 = static_cast<float>(b0), f1 = static_cast<float>(b1);
-    const float f2 = static_cast<float>(b2), f3 = static_cast<float>(b3);
-    for (int r = 0; r + 1 < height; r += 2) {
-        const short* in0 = in + static_cast<long>(r) * width;
-        const short* in1 = in0 + width;
-        short* out0 = out + static_cast<long>(r) * width;
-        short* out1 = out0 + width;
-        for (int c = 0; c + 1 < width; c += 2) {
-            // Both rows of the quad are read before any of its outputs is written.
-            const short a = in0[c], b = in0[c + 1], d = in1[c], e = in1[c + 1];
-            out0[c] = brighten(a, b0, gain, f0);
-            out0[c + 1] = brighten(b, b1, gain, f1);
-            out1[c] = brighten(d, b2, gain, f2);
-            out1[c + 1] = brighten(e, b3, gain, f3);
-        }
-    }
+    const int black[4] = {order[0], order[1], order[2], order[3]};
+    const float blackF[4] = {static_cast<float>(black[0]), static_cast<float>(black[1]), static_cast<float>(black[2]),
+                             static_cast<float>(black[3])};
+    mapQuads(in, out, width, height, [&](short v, int site) {
+        const float value = static_cast<float>(v - black[site]) * gain + blackF[site];
+        // A huge or non-finite gain saturates instead of being undefined; every
+        // finite in-range result is the plain truncation. Low 16 bits are stored.
+        return static_cast<short>(truncToInt(value));
+    });
 }
-
-namespace {
-
-inline short subtractBlack(short in, int black) {
-    const int v = in - black;
-    return static_cast<short>(v > 0 ? v : 0);
-}
-
-}  // namespace
 
 void removeBLC(const short* in, short* out, int width, int height, int* order) {
-    const int b0 = order[0], b1 = order[1], b2 = order[2], b3 = order[3];
-    for (int r = 0; r + 1 < height; r += 2) {
-        const short* in0 = in + static_cast<long>(r) * width;
-        const short* in1 = in0 + width;
-        short* out0 = out + static_cast<long>(r) * width;
-        short* out1 = out0 + width;
-        for (int c = 0; c + 1 < width; c += 2) {
-            out0[c] = subtractBlack(in0[c], b0);
-            out0[c + 1] = subtractBlack(in0[c + 1], b1);
-            out1[c] = subtractBlack(in1[c], b2);
-            out1[c + 1] = subtractBlack(in1[c + 1], b3);
-        }
-    }
+    const int black[4] = {order[0], order[1], order[2], order[3]};
+    mapQuads(in, out, width, height, [&](short v, int site) {
+        const int d = v - black[site];
+        return static_cast<short>(d > 0 ? d : 0);
+    });
 }

@@ -1,15 +1,39 @@
 #include "registration/frame_registration.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "diagnostics/platform_log.h"
+#include "features/feature_types.h"
+#include "features/grid_features.h"
+#include "motion/motion_alignment.h"
+#include "registration/black_level.h"
 #include "registration/frame_average.h"
+#include "registration/guide_image.h"
+#include "registration/sharpness.h"
 
 namespace {
 
 constexpr int kReferenceIndex = 2;
 constexpr int kMaxMergedFrames = 16;
+constexpr int kEdgeThreshold = 5;
+constexpr int kBorderFillValue = 64;  // pedestal of 10-bit sensors, deliberately fixed
+constexpr int kWhiteLevel = 1023;
+
+using Bytes = std::unique_ptr<unsigned char, decltype(&std::free)>;
+
+Bytes allocateBytes(size_t n) { return Bytes(static_cast<unsigned char*>(std::calloc(n, 1)), &std::free); }
+
+// Inlier distance limit of the alignment: 1.0 up to a tuning of 1, falling
+// linearly to 0.1 at 2 and staying there (NaN included).
+double inlierLimitFor(float alignTuning) {
+    if (alignTuning <= 1.0f) return 1.0;
+    if (alignTuning < 2.0f) return 1.9 - 0.9 * static_cast<double>(alignTuning);
+    return 0.1;
+}
 
 void setFullFrameZoom(USERZOOM* zoom, int width, int height) {
     zoom->top = 0;
@@ -18,30 +42,185 @@ void setFullFrameZoom(USERZOOM* zoom, int width, int height) {
     zoom->bottom = height - 1;
 }
 
+void copyFrame(const short* src, short* dst, int width, int height) {
+    std::memcpy(dst, src, static_cast<size_t>(width) * height * sizeof(short));
+}
+
+// Frames 0 and 1 are short exposures: their guides are brought to the normal
+// exposure (x8 and x4, saturating at 255).
+void matchShortExposure(unsigned char* guide, size_t pixels, int frameIndex) {
+    const int factor = frameIndex == 0 ? 8 : 4;
+    const int limit = 256 / factor;
+    for (size_t p = 0; p < pixels; ++p) guide[p] = guide[p] < limit ? static_cast<unsigned char>(guide[p] * factor) : 255;
+}
+
+// Owns the per-burst scratch of the driver and releases it on every path.
+struct BurstScratch {
+    int frameCount;
+    unsigned char** guides;
+    char* rejectFlags = nullptr;
+    QNGridFeaturePointList points;
+
+    explicit BurstScratch(int count)
+        : frameCount(count),
+          guides(static_cast<unsigned char**>(std::calloc(static_cast<size_t>(std::max(count, 0)), sizeof(unsigned char*)))) {
+        std::memset(&points, 0, sizeof(points));
+    }
+    ~BurstScratch() {
+        std::free(rejectFlags);
+        for (int i = 0; i < frameCount && guides != nullptr; ++i) std::free(guides[i]);
+        std::free(guides);
+        if (points.cells != nullptr) {
+            for (int c = 0; c < points.gridRows * points.gridCols; ++c) {
+                std::free(points.cells[c].homography.data);
+                std::free(points.cells[c].inverseHomography.data);
+            }
+            std::free(points.cells);
+        }
+    }
+    BurstScratch(const BurstScratch&) = delete;
+    BurstScratch& operator=(const BurstScratch&) = delete;
+};
+
+// Guides of every frame from their black-level-corrected copies.
+void buildGuides(short** frames, BurstScratch& s, int width, int height, int grayGain, const int* blackLevelOrder) {
+    const size_t pixels = static_cast<size_t>(width) * height / 16;
+    std::unique_ptr<short[]> corrected(new short[static_cast<size_t>(width) * height]);
+    int order[4] = {blackLevelOrder[0], blackLevelOrder[1], blackLevelOrder[2], blackLevelOrder[3]};
+    for (int i = 0; i < s.frameCount; ++i) {
+        removeBLC(frames[i], corrected.get(), width, height, order);
+        s.guides[i] = static_cast<unsigned char*>(std::calloc(pixels, 1));
+        bayer_to_8bit_gray(corrected.get(), s.guides[i], width, height, grayGain, i);
+        if (width * height >= 16 && i < 2) matchShortExposure(s.guides[i], pixels, i);
+    }
+}
+
+// Smooths and equalises the guides of the frames still in use and computes the
+// reference's edge mask between the two. Returns the number of usable frames of
+// index 2 and up.
+int prepareGuides(BurstScratch& s, unsigned char* edgeMask, int g, int gh, float blurSelect) {
+    int usable = 0;
+    for (int i = 0; i < s.frameCount; ++i) {
+        if (s.rejectFlags[i] == 1) continue;
+        if (i >= kReferenceIndex) ++usable;
+        conImageBlur(s.guides[i], s.guides[i], g, gh, blurSelect);
+        if (i == kReferenceIndex) edgeDetection(s.guides[i], edgeMask, g, gh, kEdgeThreshold);
+        histogram_equalization(s.guides[i], s.guides[i], g, gh);
+    }
+    return usable;
+}
+
+// Feature points of the reference guide; a failed detection counts as none.
+int detectReferenceFeatures(BurstScratch& s, unsigned char* edgeMask, int g, int gh, bool* detected) {
+    int count = 0;
+    QNGet4x4GridFeatureParam_ param{s.guides[kReferenceIndex], 1, -3.0f, 3.0f, 6.0f, 640, &count, 6, 6, gh, g};
+    *detected = qnGet4x4GridFeature(&param, &s.points, edgeMask) == 0 && s.points.cells != nullptr;
+    return *detected ? count : 0;
+}
+
+void writeBackClamped(const short* aligned, short* frame, size_t samples) {
+    for (size_t k = 0; k < samples; ++k) frame[k] = static_cast<short>(std::min(std::max<int>(aligned[k], 0), kWhiteLevel));
+}
+
+void fillRows(short* output, int width, int fromRow, int toRow) {
+    for (int r = fromRow; r < toRow; ++r) std::fill(output + static_cast<size_t>(r) * width, output + static_cast<size_t>(r + 1) * width, kBorderFillValue);
+}
+
+// Everything outside [top, bottom) x [left, right) gets the fixed pedestal value.
+void fillBorder(short* output, int width, int height, const USERZOOM& zoom) {
+    const int top = std::clamp(zoom.top, 0, height), bottom = std::clamp(zoom.bottom, top, height);
+    const int left = std::clamp(zoom.left, 0, width), right = std::clamp(zoom.right, left, width);
+    fillRows(output, width, 0, top);
+    for (int r = top; r < bottom; ++r) {
+        short* row = output + static_cast<size_t>(r) * width;
+        std::fill(row, row + left, kBorderFillValue);
+        std::fill(row + right, row + width, kBorderFillValue);
+    }
+    fillRows(output, width, bottom, height);
+}
+
+struct ValidBox {
+    int top, bottom, left, right;  // in quads (two raw samples)
+};
+
+// Aligns every frame still in use onto the reference and writes it back over the
+// caller's frame. Returns the number of usable frames left.
+int alignFrames(short** frames, BurstScratch& s, int pointCount, int usable, int width, int height,
+                double inlierLimit, ValidBox& box) {
+    const int g = width / 4, gh = height / 4;
+    const size_t samples = static_cast<size_t>(width) * height;
+    Bytes alignedGray = allocateBytes(samples / 16);
+    std::unique_ptr<short[]> aligned(new short[samples]);
+    for (int i = 0; i < s.frameCount; ++i) {
+        if (i == kReferenceIndex || s.rejectFlags[i] == 1) continue;
+        std::fill(aligned.get(), aligned.get() + samples, static_cast<short>(-1));
+        int ambiguous = 0;
+        QNMotion_alignImages_native(s.guides[i], alignedGray.get(), s.guides[kReferenceIndex], s.points, Size{6, 6},
+                                    pointCount, 2.0, inlierLimit, g, gh, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                    nullptr, nullptr, nullptr, frames[i], aligned.get(), &box.top, &box.bottom,
+                                    &box.left, &box.right, &s.rejectFlags[i], &ambiguous, pointCount, i);
+        if (i >= kReferenceIndex && s.rejectFlags[i] == 1) --usable;
+        writeBackClamped(aligned.get(), frames[i], samples);
+    }
+    return usable;
+}
+
+void mergeFrames(short** frames, const char* rejectFlags, int frameCount, short* output, int width, int height) {
+    const short* list[kMaxMergedFrames] = {};
+    int length = 0;
+    for (int i = kReferenceIndex; i < frameCount && length < kMaxMergedFrames; ++i)
+        if (rejectFlags[i] != 1) list[length++] = frames[i];
+    frameAverage(list, output, width, height, length);
+}
+
 }  // namespace
 
 void qnFrameRegistration(short** frames, short* output, int frameCount, int* usableFrameCount, int width,
-                         int height, int /*grayGain*/, int minFeatureCount, int alignOnly, USERZOOM* zoom,
-                         float /*alignTuning*/, float /*blurSelect*/, float /*sharpnessRatio*/,
-                         int* /*blackLevelOrder*/) {
+                         int height, int grayGain, int minFeatureCount, int alignOnly, USERZOOM* zoom,
+                         float alignTuning, float blurSelect, float sharpnessRatio, int* blackLevelOrder) {
     logInfo("nocturn : enter frame registration");
+    const double inlierLimit = inlierLimitFor(alignTuning);
+    const int g = width / 4, gh = height / 4;
+    {
+        BurstScratch s(frameCount);
+        buildGuides(frames, s, width, height, grayGain, blackLevelOrder);
 
-    // No feature detection yet: the point count is 0, so any positive minimum
-    // falls back to the reference. Otherwise frames are merged as they are, taken
-    // as already aligned.
-    const int pointCount = 0;
-    const short* mergeList[kMaxMergedFrames] = {};
-    int mergeCount = 0;
-    for (int i = kReferenceIndex; i < frameCount && mergeCount < kMaxMergedFrames; ++i) mergeList[mergeCount++] = frames[i];
-    *usableFrameCount = mergeCount;
-    zoom->pointCount = pointCount;
-    setFullFrameZoom(zoom, width, height);
-    if (pointCount < minFeatureCount || mergeCount <= 1) {
-        *usableFrameCount = 1;
-        std::memcpy(output, frames[kReferenceIndex], static_cast<size_t>(width) * height * sizeof(short));
-    } else if (!alignOnly) {
-        frameAverage(mergeList, output, width, height, mergeCount);
+        s.rejectFlags = static_cast<char*>(std::calloc(static_cast<size_t>(frameCount), 1));
+        int referenceIndex = kReferenceIndex;
+        getClearestFrame(s.guides, frameCount, &referenceIndex, s.rejectFlags, sharpnessRatio, g, gh);
+
+        Bytes edgeMask = allocateBytes(static_cast<size_t>(width) * height / 16);
+        *usableFrameCount = prepareGuides(s, edgeMask.get(), g, gh, blurSelect);
+
+        bool detected = false;
+        const int pointCount = detectReferenceFeatures(s, edgeMask.get(), g, gh, &detected);
+        zoom->pointCount = pointCount;
+        edgeMask.reset();
+
+        bool merged = false;
+        if (detected && pointCount >= minFeatureCount && *usableFrameCount != 1) {
+            ValidBox box{0, height / 2 - 1, 0, width / 2 - 1};
+            *usableFrameCount = alignFrames(frames, s, pointCount, *usableFrameCount, width, height, inlierLimit, box);
+            if (*usableFrameCount > 1) {
+                // Valid area in samples: 10 in from the top and left, 12 short of the
+                // last row and column.
+                zoom->top = 2 * box.top + 10;
+                zoom->left = 2 * box.left + 10;
+                zoom->right = 2 * box.right - 11;
+                zoom->bottom = 2 * box.bottom - 11;
+                if (!alignOnly) {
+                    mergeFrames(frames, s.rejectFlags, frameCount, output, width, height);
+                    fillBorder(output, width, height, *zoom);
+                }
+                merged = true;
+            }
+        } else {
+            *usableFrameCount = 1;
+        }
+        if (!merged) {
+            setFullFrameZoom(zoom, width, height);
+            copyFrame(frames[kReferenceIndex], output, width, height);
+        }
     }
-
     logInfo("nocturn : exit frame registration");
 }

@@ -33,6 +33,29 @@ private:
     std::vector<float> lattice_;
 };
 
+// Optical blur of the lens: a separable Gaussian (sigma in samples) applied to a
+// plane in place, edges repeated.
+void blurPlane(std::vector<float>& plane, int width, int height, double sigma) {
+    const int radius = static_cast<int>(std::ceil(3.0 * sigma));
+    std::vector<float> taps(2 * radius + 1);
+    float sum = 0.0f;
+    for (int i = -radius; i <= radius; ++i) sum += taps[i + radius] = static_cast<float>(std::exp(-0.5 * i * i / (sigma * sigma)));
+    for (float& t : taps) t /= sum;
+    std::vector<float> tmp(plane.size());
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            float acc = 0.0f;
+            for (int i = -radius; i <= radius; ++i) acc += taps[i + radius] * plane[static_cast<size_t>(y) * width + std::min(std::max(x + i, 0), width - 1)];
+            tmp[static_cast<size_t>(y) * width + x] = acc;
+        }
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            float acc = 0.0f;
+            for (int i = -radius; i <= radius; ++i) acc += taps[i + radius] * tmp[static_cast<size_t>(std::min(std::max(y + i, 0), height - 1)) * width + x];
+            plane[static_cast<size_t>(y) * width + x] = acc;
+        }
+}
+
 struct Shape {
     int kind;  // 0 rectangle, 1 disc
     float x0, y0, x1, y1;
@@ -45,6 +68,10 @@ int bayerChannel(int pattern, int x, int y) {
     const int site = (y & 1) * 2 + (x & 1);  // 0 even/even, 1 even/odd, 2 odd/even, 3 odd/odd
     static const int kSites[4][4] = {{0, 1, 1, 2}, {2, 1, 1, 0}, {1, 0, 2, 1}, {1, 2, 0, 1}};
     return kSites[(pattern >= 0 && pattern <= 3) ? pattern : 3][site];
+}
+
+namespace {
+constexpr double kLensBlurSigma = 1.6;  // samples; a phone lens does not resolve single raw samples
 }
 
 Scene::Scene(int width, int height, uint32_t seed) : width_(width), height_(height) {
@@ -110,6 +137,7 @@ Scene::Scene(int width, int height, uint32_t seed) : width_(width), height_(heig
             for (int c = 0; c < 3; ++c) planes_[c][i] = std::max(rgb[c], 0.0f);
         }
     }
+    for (auto& p : planes_) blurPlane(p, width, height, kLensBlurSigma);
 }
 
 float Scene::sample(int channel, double x, double y) const {

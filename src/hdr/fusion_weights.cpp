@@ -1,0 +1,373 @@
+#include "hdr/fusion_weights.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "hdr/bayer_filter.h"
+#include "imgcore/row_stripes.h"
+#include "imgcore/saturate.h"
+
+namespace fusion_detail {
+
+const int binomialKernel5x5[5][5] = {
+    {1, 4, 6, 4, 1}, {4, 16, 24, 16, 4}, {6, 24, 36, 24, 6}, {4, 16, 24, 16, 4}, {1, 4, 6, 4, 1},
+};
+
+}  // namespace fusion_detail
+
+namespace {
+
+// Rounds to the nearest integer, halves away from zero, for |x| < 2^31. Written
+// without roundf or float comparisons so that the loops around it vectorise
+// under strict IEEE semantics: frac = x - trunc(x) is exact for every float and
+// lies in (-1, 1) with the sign of x, and trunc(2 * frac) (doubling is exact) is
+// +1 for frac >= 0.5, -1 for frac <= -0.5 and 0 otherwise.
+inline int roundHalfAwayInRange(float x) {
+    const int i = static_cast<int>(x);
+    const float frac = x - static_cast<float>(i);
+    return i + static_cast<int>(frac + frac);
+}
+
+// The same for any float: NaN gives 0 and values beyond the int range saturate
+// (they are integral already, so rounding does not change them).
+inline int roundHalfAwaySaturating(float x) {
+    if (x >= -2147483648.0f && x < 2147483648.0f) return roundHalfAwayInRange(x);
+    return truncToInt(x);
+}
+
+// Stripe bounds of the smoothing step: cut from the extended height (q = (height
+// + 4) / 4, first stripe starting at extended row 2) and kept inside the
+// extended rows that hold image rows, [2, height + 2). For height >= 4 the clamp
+// changes nothing; for smaller heights it stops a stripe from starting in the
+// top border.
+inline int weightSmoothingBound(int height, int k) {
+    int q = (height + 4) / 4;
+    int bound = k == 0 ? 2 : k == 4 ? height + 2 : k * q;
+    return std::min(std::max(bound, 2), height + 2);
+}
+
+bool isBinomialSetup(const int (*kernel)[5], int radius, float norm) {
+    if (radius != 2 || norm != 256.0f) return false;
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 5; ++j)
+            if (kernel[i][j] != fusion_detail::binomialKernel5x5[i][j]) return false;
+    return true;
+}
+
+// Binomial 5x5 smoothing as two exact integer passes. Every partial sum of the
+// plain definition is an integer below 256 * 65535 < 2^24, so the single-precision
+// accumulation there is exact and equals this integer sum; dividing an exact
+// float by 256 and truncating is the arithmetic shift by 8.
+void filterWeightRowsBinomial(const unsigned short* extended, unsigned short* dst, int rowStart, int rowEnd,
+                              int colStart, int colEnd, int extendedStride, int dstWidth) {
+    if (colEnd <= colStart) return;
+    const int span = colEnd - colStart + 4;
+    std::vector<int> column(static_cast<size_t>(span));
+    int* col = column.data();
+    for (int r = rowStart; r < rowEnd; ++r) {
+        const unsigned short* r0 = extended + static_cast<ptrdiff_t>(r - 2) * extendedStride + (colStart - 2);
+        const unsigned short* r1 = r0 + extendedStride;
+        const unsigned short* r2 = r1 + extendedStride;
+        const unsigned short* r3 = r2 + extendedStride;
+        const unsigned short* r4 = r3 + extendedStride;
+        for (int x = 0; x < span; ++x)
+            col[x] = r0[x] + 4 * r1[x] + 6 * r2[x] + 4 * r3[x] + r4[x];
+        unsigned short* out = dst + static_cast<ptrdiff_t>(r - 2) * dstWidth + (colStart - 2);
+        const int count = colEnd - colStart;
+        for (int x = 0; x < count; ++x) {
+            int s = col[x] + 4 * col[x + 1] + 6 * col[x + 2] + 4 * col[x + 3] + col[x + 4];
+            out[x] = static_cast<unsigned short>(s >> 8);
+        }
+    }
+}
+
+// The weight of a pixel is computed from whiteLevel, at most 65535 for the last
+// frame's intensity and two curve values; with finite curves of bounded size
+// and a positive white level every intermediate value and the rounded weight
+// stay far inside the int range, so the fast path may convert plainly.
+bool curvesKeepWeightsInRange(const float* curveAtCenter, const float* curveAboveCenter, int whiteLevel) {
+    if (whiteLevel <= 0) return false;
+    double largest = 0.0;
+    for (int i = 0; i <= whiteLevel; ++i) {
+        const double a = std::fabs(static_cast<double>(curveAtCenter[i]));
+        const double b = std::fabs(static_cast<double>(curveAboveCenter[i]));
+        if (!(a <= 1.0e6) || !(b <= 1.0e6)) return false;  // also rejects NaN and inf
+        largest = std::max(largest, std::max(a, b));
+    }
+    const double W = whiteLevel;
+    const double term = (largest + 1.0) * 2.5 * 65535.0 / W + 2.5 + 1.5 * largest;  // bounds |A| and |B|
+    return 2.0 * term * 255.0 * W < 1.0e9;
+}
+
+// wellExposedness in chunks: a scalar pass gathers the curve values and the
+// dark test (as an integer threshold) into local arrays, a branch-free pass over
+// those arrays computes the weights (it vectorises: no table lookups, no float
+// comparisons, no aliasing with the caller's buffers), and the chunk is stored.
+// The arithmetic is that of wellExposednessPlain, operation for operation, and
+// every value is inside the int range (curvesKeepWeightsInRange), so the plain
+// rounding equals the saturating one.
+template <bool IsLast>
+void wellExposednessChunked(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
+                            int whiteLevel, const unsigned short* lastIntensity, const float* curveAtCenter,
+                            const float* curveAboveCenter, const unsigned short* highlightMap) {
+    constexpr int kChunk = 256;
+    const float W = static_cast<float>(whiteLevel);
+    const int darkWeight = IsLast ? whiteLevel : 0;
+    const int maxIndex = whiteLevel;
+    // 0.6f * W > L for an integer L exactly when L < ceil(0.6f * W).
+    const int darkBelow = static_cast<int>(std::ceil(0.6f * W));
+    float a[kChunk], b[kChunk], L[kChunk];
+    int m[kChunk], dark[kChunk];
+    unsigned short out[kChunk];
+    for (ptrdiff_t p0 = begin; p0 < end; p0 += kChunk) {
+        const int n = static_cast<int>(std::min<ptrdiff_t>(kChunk, end - p0));
+        for (int j = 0; j < n; ++j) {
+            const int last = lastIntensity[p0 + j];
+            const int i = std::min(static_cast<int>(intensity[p0 + j]), maxIndex);
+            a[j] = curveAtCenter[i];
+            b[j] = curveAboveCenter[i];
+            L[j] = static_cast<float>(last);
+            m[j] = highlightMap[p0 + j] & 0xFF;
+            dark[j] = -static_cast<int>(last < darkBelow);
+        }
+        for (int j = 0; j < n; ++j) {
+            float A, B;
+            if (IsLast) {
+                A = ((a[j] - 1.0f) * 2.5f * L[j]) / W + 2.5f + a[j] * (-1.5f);
+                B = ((b[j] - 1.0f) * 2.5f * L[j]) / W + 2.5f + b[j] * (-1.5f);
+            } else {
+                A = (a[j] * 2.5f * L[j]) / W + a[j] * (-1.5f);
+                B = (b[j] * 2.5f * L[j]) / W + b[j] * (-1.5f);
+            }
+            const float v = A * static_cast<float>(255 - m[j]) * W + B * static_cast<float>(m[j]) * W;
+            const int w = static_cast<int>(static_cast<uint32_t>(roundHalfAwayInRange(v)) >> 8);
+            out[j] = static_cast<unsigned short>((w & ~dark[j]) | (darkWeight & dark[j]));
+        }
+        for (int j = 0; j < n; ++j) weight[p0 + j] = out[j];
+    }
+}
+
+}  // namespace
+
+namespace fusion_detail {
+
+unsigned short highlightValue(int a, int b, int whiteLevel) {
+    double x = static_cast<float>(a) / static_cast<float>(whiteLevel);
+    if (x <= 0.7) return 0;
+    int q = std::abs(a - b) / 4;
+    int value;
+    if (x <= 0.8)
+        value = static_cast<int>((x - 0.7) * static_cast<double>(q * 10));  // 0 <= value <= q
+    else
+        value = q;
+    if (value >= 101) value = std::min(3 * value - 200, 255);
+    return static_cast<unsigned short>(value);
+}
+
+void wellExposednessPlain(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
+                          int whiteLevel, bool isLast, const unsigned short* lastIntensity, const float* curveAtCenter,
+                          const float* curveAboveCenter, const unsigned short* highlightMap) {
+    const float W = static_cast<float>(whiteLevel);
+    const unsigned short darkWeight = isLast ? static_cast<unsigned short>(whiteLevel) : 0;
+    // Intensities beyond the tables are read as the last entry (the caller keeps
+    // them in [0, whiteLevel]; this only guards the table bounds).
+    const int maxIndex = std::max(whiteLevel, 0);
+    for (ptrdiff_t p = begin; p < end; ++p) {
+        const float L = static_cast<float>(lastIntensity[p]);
+        const int i = std::min(static_cast<int>(intensity[p]), maxIndex);
+        if (0.6f * W > L) {
+            weight[p] = darkWeight;
+            continue;
+        }
+        const float a = curveAtCenter[i];
+        const float b = curveAboveCenter[i];
+        const int m = highlightMap[p] & 0xFF;
+        float A, B;
+        if (isLast) {
+            A = ((a - 1.0f) * 2.5f * L) / W + 2.5f + a * (-1.5f);
+            B = ((b - 1.0f) * 2.5f * L) / W + 2.5f + b * (-1.5f);
+        } else {
+            A = (a * 2.5f * L) / W + a * (-1.5f);
+            B = (b * 2.5f * L) / W + b * (-1.5f);
+        }
+        const float v = A * static_cast<float>(255 - m) * W + B * static_cast<float>(m) * W;
+        const uint32_t rounded = static_cast<uint32_t>(roundHalfAwaySaturating(v));
+        weight[p] = static_cast<unsigned short>(rounded >> 8);
+    }
+}
+
+void filterWeightRowsPlain(const unsigned short* extended, const int (*kernel)[5], unsigned short* dst, int rowStart,
+                           int rowEnd, int colStart, int colEnd, int radius, int extendedStride, int dstWidth,
+                           float norm) {
+    if (radius < 0 || radius > 2) return;
+    const int taps = 2 * radius + 1;
+    for (int r = rowStart; r < rowEnd; ++r) {
+        for (int c = colStart; c < colEnd; ++c) {
+            float sum = 0.0f;
+            for (int i = 0; i < taps; ++i) {
+                const unsigned short* row =
+                    extended + static_cast<ptrdiff_t>(r - radius + i) * extendedStride + (c - radius);
+                for (int j = 0; j < taps; ++j) {
+                    // 32-bit product with wrap-around, as the definition forms it.
+                    int product = static_cast<int>(static_cast<uint32_t>(kernel[i][j]) * row[j]);
+                    sum += static_cast<float>(product);
+                }
+            }
+            dst[static_cast<ptrdiff_t>(r - radius) * dstWidth + (c - radius)] =
+                static_cast<unsigned short>(truncToInt(sum / norm));
+        }
+    }
+}
+
+}  // namespace fusion_detail
+
+void createLUT(float* table, int maxValue, float scale, int center) {
+    // Squares formed in 32-bit integers; unsigned arithmetic gives the same bits
+    // without undefined overflow for extreme arguments.
+    const int range = static_cast<int>(static_cast<uint32_t>(maxValue) * static_cast<uint32_t>(maxValue));
+    for (int i = 0; i <= maxValue; ++i) {
+        uint32_t d = static_cast<uint32_t>(i) - static_cast<uint32_t>(center);
+        int distance = static_cast<int>(10u * d * d);
+        table[i] = expf(-((static_cast<float>(distance) / static_cast<float>(range)) * scale));
+    }
+}
+
+void wellExposedness(unsigned short* intensity, unsigned short* weight, int /*exposureCenter*/, int rowStart,
+                     int rowEnd, int width, int whiteLevel, int frameIndex, int frameCount,
+                     float /*exposureWeightScale*/, unsigned short* lastIntensity, float* curveAtCenter,
+                     float* curveAboveCenter, unsigned short* highlightMap) {
+    if (rowEnd <= rowStart || width <= 0) return;
+    const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
+    const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
+    const bool isLast = frameIndex == frameCount - 1;
+    if (!curvesKeepWeightsInRange(curveAtCenter, curveAboveCenter, whiteLevel)) {
+        fusion_detail::wellExposednessPlain(intensity, weight, begin, end, whiteLevel, isLast, lastIntensity,
+                                            curveAtCenter, curveAboveCenter, highlightMap);
+        return;
+    }
+    if (isLast)
+        wellExposednessChunked<true>(intensity, weight, begin, end, whiteLevel, lastIntensity, curveAtCenter,
+                                     curveAboveCenter, highlightMap);
+    else
+        wellExposednessChunked<false>(intensity, weight, begin, end, whiteLevel, lastIntensity, curveAtCenter,
+                                      curveAboveCenter, highlightMap);
+}
+
+void calculateSingleImageWeight(unsigned short* intensity, unsigned short* weight, int exposureCenter, int height,
+                                int width, int whiteLevel, int frameIndex, int frameCount,
+                                float exposureWeightScale, unsigned short* lastIntensity,
+                                unsigned short* highlightMap) {
+    const size_t tableSize = static_cast<size_t>(std::max(whiteLevel, 0)) + 1;
+    std::vector<float> curveAtCenter(tableSize, 0.0f);
+    std::vector<float> curveAboveCenter(tableSize, 0.0f);
+    createLUT(curveAtCenter.data(), whiteLevel, exposureWeightScale, exposureCenter);
+    const int higherCenter = truncToInt(static_cast<double>(exposureCenter) * 1.1);
+    createLUT(curveAboveCenter.data(), whiteLevel, exposureWeightScale, higherCenter);
+    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+        wellExposedness(intensity, weight, exposureCenter, rowStart, rowEnd, width, whiteLevel, frameIndex,
+                        frameCount, exposureWeightScale, lastIntensity, curveAtCenter.data(),
+                        curveAboveCenter.data(), highlightMap);
+    });
+}
+
+void calculateSumWeight(int* sum, unsigned short* weight, int rowStart, int rowEnd, int width) {
+    if (rowEnd <= rowStart || width <= 0) return;
+    const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
+    const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
+    for (ptrdiff_t p = begin; p < end; ++p) sum[p] += weight[p];
+}
+
+void normalizeWeight(unsigned short* weight, int* sum, int rowStart, int rowEnd, int width, int frameCount,
+                     int /*whiteLevel*/) {
+    if (rowEnd <= rowStart || width <= 0) return;
+    const unsigned short evenShare =
+        static_cast<unsigned short>(truncToInt(floorf(1023.0f / static_cast<float>(frameCount))));
+    const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
+    const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
+    for (ptrdiff_t p = begin; p < end; ++p) {
+        const int s = sum[p];
+        // Branch-free so that the loop vectorises under strict IEEE semantics:
+        // the quotient is always computed (by 1 where the sum is 0) and the
+        // even share is selected with a mask. With |s| >= 1 the quotient is at
+        // most 65535 * 1023 in magnitude, inside the int range.
+        const int zeroMask = -static_cast<int>(s == 0);
+        const int divisor = s | (zeroMask & 1);
+        const float share = (static_cast<float>(weight[p]) / static_cast<float>(divisor)) * 1023.0f;
+        const int rounded = roundHalfAwayInRange(share);
+        weight[p] = static_cast<unsigned short>((rounded & ~zeroMask) | (evenShare & zeroMask));
+    }
+}
+
+void filteringProcessForWeight_ushort(unsigned short* extended, int (*kernel)[5], unsigned short* dst,
+                                      int rowStart, int rowEnd, int colStart, int colEnd, int radius,
+                                      int extendedStride, int dstWidth, float norm) {
+    if (radius < 0 || radius > 2) return;
+    if (isBinomialSetup(kernel, radius, norm)) {
+        filterWeightRowsBinomial(extended, dst, rowStart, rowEnd, colStart, colEnd, extendedStride, dstWidth);
+        return;
+    }
+    fusion_detail::filterWeightRowsPlain(extended, kernel, dst, rowStart, rowEnd, colStart, colEnd, radius,
+                                         extendedStride, dstWidth, norm);
+}
+
+void lowPassFilteringForWeight_ushort(unsigned short* src, unsigned short* dst, int width, int height) {
+    if (width <= 0 || height <= 0) return;
+    const int extendedStride = width + 4;
+    std::unique_ptr<unsigned short[]> extended(
+        new unsigned short[static_cast<size_t>(extendedStride) * static_cast<size_t>(height + 4)]);
+    imageExtensionForBayer_ushort(src, extended.get(), 2, height, width);
+    int kernel[5][5];
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 5; ++j) kernel[i][j] = fusion_detail::binomialKernel5x5[i][j];
+    runFourWorkers([&](int k) {
+        filteringProcessForWeight_ushort(extended.get(), kernel, dst, weightSmoothingBound(height, k),
+                                         weightSmoothingBound(height, k + 1), 2, width + 2, 2, extendedStride,
+                                         width, 256.0f);
+    });
+}
+
+void calculateWeight(std::vector<unsigned short*>* intensities, std::vector<short*>* /*frames*/,
+                     std::vector<unsigned short*>* weights, int width, int height, int frameCount,
+                     int exposureCenter, int whiteLevel, std::vector<int*>* /*levelSizes*/, int /*levelCount*/,
+                     float exposureWeightScale) {
+    if (frameCount < 1 || width <= 0 || height <= 0) return;
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    unsigned short* last = (*intensities)[frameCount - 1];
+    unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;
+
+    // Highlight map from the two brightest frames, then smoothed in place.
+    std::unique_ptr<unsigned short[]> highlight(new unsigned short[pixels]);
+    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+        const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
+        const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
+        for (ptrdiff_t p = begin; p < end; ++p)
+            highlight[p] = fusion_detail::highlightValue(last[p], previous[p], whiteLevel);
+    });
+    lowPassFilteringForWeight_ushort(highlight.get(), highlight.get(), width, height);
+
+    // Unnormalised weights. The last frame's intensities are read by every frame,
+    // so when the lists share buffers they are overwritten only at the last turn.
+    for (int k = 0; k < frameCount; ++k)
+        calculateSingleImageWeight((*intensities)[k], (*weights)[k], exposureCenter, height, width, whiteLevel, k,
+                                   frameCount, exposureWeightScale, last, highlight.get());
+
+    std::unique_ptr<int[]> sum(new int[pixels]());
+    for (int k = 0; k < frameCount; ++k) {
+        unsigned short* w = (*weights)[k];
+        runOnFourStripes(height, [&](int rowStart, int rowEnd) { calculateSumWeight(sum.get(), w, rowStart, rowEnd, width); });
+    }
+
+    // Every frame is normalised by the sum of the unsmoothed weights, then smoothed.
+    for (int k = 0; k < frameCount; ++k) {
+        unsigned short* w = (*weights)[k];
+        runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+            normalizeWeight(w, sum.get(), rowStart, rowEnd, width, frameCount, whiteLevel);
+        });
+        lowPassFilteringForWeight_ushort(w, w, width, height);
+    }
+}

@@ -1,0 +1,293 @@
+#include "hdr/hdr_process.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "hdr/exposure_fusion.h"
+#include "hdr/fusion_weights.h"
+#include "hdr/intensity.h"
+#include "hdr/pyramid.h"
+#include "hdr/tone_ops.h"
+#include "imgcore/row_stripes.h"
+#include "imgcore/saturate.h"
+
+namespace {
+
+constexpr int kBracketSize = 4;
+
+// Conversions of the per-sample products of stages 4 and 18. The plain cast is
+// used when the driver has proven every product to lie inside the int range;
+// otherwise (huge or non-finite caller gains) the saturating one.
+struct PlainTrunc {
+    int operator()(float v) const { return static_cast<int>(v); }
+};
+struct SaturatingTrunc {
+    int operator()(float v) const { return truncToInt(v); }
+};
+
+// Largest |sample - offset| over all 16-bit samples and the four site offsets.
+double largestOffsetDistance(const int* offsets) {
+    double largest = 0.0;
+    for (int s = 0; s < 4; ++s) {
+        double o = static_cast<double>(offsets[s]);
+        largest = std::max(largest, std::max(std::fabs(-32768.0 - o), std::fabs(32767.0 - o)));
+    }
+    return largest;
+}
+
+// Products are proven in range with a wide margin for the float rounding.
+constexpr double kSafeMagnitude = 2.0e9;
+
+template <typename Convert>
+void gainRows(short* frame, int width, int height, float gain, const int* blackLevels, int whiteLevel,
+              Convert convert) {
+    const short white = static_cast<short>(whiteLevel);
+    for (int r = 0; r < height; ++r) {
+        short* row = frame + static_cast<ptrdiff_t>(r) * width;
+        const int evenLevel = blackLevels[(r & 1) * 2];
+        const int oddLevel = blackLevels[(r & 1) * 2 + 1];
+        for (int c = 0; c < width; ++c) {
+            const int level = (c & 1) ? oddLevel : evenLevel;
+            const float v = gain * static_cast<float>(row[c] - level);
+            short s = static_cast<short>(convert(v));  // low 16 bits
+            s = s < 0 ? short(0) : s;
+            s = s > white ? white : s;
+            row[c] = s;
+        }
+    }
+}
+
+template <typename Convert>
+void restoreRows(short* image, int width, int height, float scale, const int* blackLevels, int whiteLevel,
+                 Convert convert) {
+    const float white = static_cast<float>(whiteLevel);
+    for (int r = 0; r < height; ++r) {
+        short* row = image + static_cast<ptrdiff_t>(r) * width;
+        const float evenLevel = static_cast<float>(blackLevels[(r & 1) * 2]);
+        const float oddLevel = static_cast<float>(blackLevels[(r & 1) * 2 + 1]);
+        for (int c = 0; c < width; ++c) {
+            float v = scale * static_cast<float>(row[c]) + ((c & 1) ? oddLevel : evenLevel);
+            v = std::min(v, white);
+            row[c] = static_cast<short>(convert(v));
+        }
+    }
+}
+
+// White balance of a whole frame on four workers, each owning whole quads.
+void whiteBalanceFrame(short* frame, int width, int height, float redGain, float blueGain, int whiteLevel,
+                       int bayerPattern) {
+    runFourWorkers([&](int k) {
+        whiteBalance(frame, frame, hdr_detail::whiteBalanceStripeStart(height, k),
+                     hdr_detail::whiteBalanceStripeEnd(height, k), redGain, blueGain, width, whiteLevel,
+                     bayerPattern);
+    });
+}
+
+}  // namespace
+
+namespace hdr_detail {
+
+float bracketGain(float exposureRatio, int k, int n) {
+    if (k == n - 1) return exposureRatio;
+    const double factor = k == n - 2 ? 0.5 : 0.25;
+    return static_cast<float>(std::max(static_cast<double>(exposureRatio) * factor, 1.0));
+}
+
+void removeBlackLevelAndGain(short* frame, int width, int height, float gain, const int* blackLevels,
+                             int whiteLevel) {
+    const bool inRange = std::isfinite(gain) &&
+                         std::fabs(static_cast<double>(gain)) * largestOffsetDistance(blackLevels) < kSafeMagnitude;
+    if (inRange)
+        gainRows(frame, width, height, gain, blackLevels, whiteLevel, PlainTrunc());
+    else
+        gainRows(frame, width, height, gain, blackLevels, whiteLevel, SaturatingTrunc());
+}
+
+float gammaExponent(int k) {
+    static const float exponents[3] = {1.0f, 0.85f, 0.65f};
+    return k >= 0 && k < 3 ? exponents[k] : 0.5f;
+}
+
+void mapThroughTable(short* image, size_t count, const short* table, int whiteLevel) {
+    const int top = std::max(whiteLevel, 0);
+    for (size_t p = 0; p < count; ++p) {
+        int v = image[p];
+        v = v < 0 ? 0 : v > top ? top : v;
+        image[p] = table[v];
+    }
+}
+
+int levelCountForSize(int width, int height) {
+    const int dimension = width / 2 <= height / 2 ? width : height;
+    const int half = dimension / 2;
+    if (half < 1) return 1;
+    const int levels = static_cast<int>(std::log(static_cast<double>(half)) / 0.6931471805599453);
+    return std::max(levels, 1);
+}
+
+std::vector<std::array<int, 2>> levelSizesFor(int width, int height, int levelCount) {
+    std::vector<std::array<int, 2>> sizes(static_cast<size_t>(std::max(levelCount, 0)));
+    int h = height;
+    int w = width;
+    for (int i = 0; i < levelCount; ++i) {
+        sizes[i] = {h, w};
+        h /= 2;
+        w /= 2;
+        if (h % 2 != 0) h -= 1;
+        if (w % 2 != 0) w -= 1;
+    }
+    return sizes;
+}
+
+int whiteBalanceStripeStart(int height, int k) {
+    return k <= 0 ? 0 : (k * (height / 4)) & ~1;
+}
+
+int whiteBalanceStripeEnd(int height, int k) {
+    return k >= 3 ? height : whiteBalanceStripeStart(height, k + 1);
+}
+
+void restoreBlackLevel(short* image, int width, int height, const int* blackLevels, int whiteLevel) {
+    const float scale =
+        static_cast<float>(static_cast<double>(whiteLevel - blackLevels[0]) / static_cast<double>(whiteLevel));
+    // The result is at most whiteLevel; it is bounded below by the most negative
+    // product plus the smallest black level.
+    double lowest = 0.0;
+    for (int s = 0; s < 4; ++s)
+        lowest = std::min(lowest, static_cast<double>(blackLevels[s]));
+    lowest -= std::fabs(static_cast<double>(scale)) * 32768.0;
+    const bool inRange = std::isfinite(scale) && lowest > -kSafeMagnitude;
+    if (inRange)
+        restoreRows(image, width, height, scale, blackLevels, whiteLevel, PlainTrunc());
+    else
+        restoreRows(image, width, height, scale, blackLevels, whiteLevel, SaturatingTrunc());
+}
+
+}  // namespace hdr_detail
+
+void initializeParameter(Parameter* parameter) {
+    parameter->laplacianGain0 = 1.0f;
+    parameter->laplacianGain1 = 1.0f;
+    parameter->laplacianGainMaxLevel = 6;
+    parameter->whiteLevel = 1023;
+    parameter->bayerPattern = 0;
+    parameter->exposureCenter = 511;
+    parameter->exposureWeightScale = 1.0f;
+    parameter->reservedLevelCount = 10;
+    parameter->shallowLevelCount = 6;
+    parameter->pyramidBlendAlpha = 0.5f;
+    parameter->rangeCompressionBlend = 0.7f;
+    parameter->rangeCompressionRatio = 0.55f;
+}
+
+void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, float redGain, float blueGain,
+                int width, int height, float exposureRatio, int bayerPattern, int* blackLevels) {
+    if (width <= 0 || height <= 0 || width % 2 != 0 || height % 2 != 0) return;
+    const clock_t start = clock();
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+
+    std::unique_ptr<Parameter[]> parameter(new Parameter[1]);
+    initializeParameter(parameter.get());
+    parameter[0].bayerPattern = bayerPattern;
+    const Parameter& tuning = parameter[0];
+    const int whiteLevel = tuning.whiteLevel;
+
+    // The bracket: the brightest member is frameA gained by the full ratio, a
+    // private copy of frameA takes the quarter ratio.
+    std::unique_ptr<short[]> copyOfA(new short[pixels]);
+    std::memcpy(copyOfA.get(), frameA, pixels * sizeof(short));
+    std::vector<short*> frames = {frameC, frameB, copyOfA.get(), frameA};
+    const int n = static_cast<int>(frames.size());
+
+    for (int k = 0; k < n; ++k)
+        hdr_detail::removeBlackLevelAndGain(frames[k], width, height, hdr_detail::bracketGain(exposureRatio, k, n),
+                                            blackLevels, whiteLevel);
+
+    for (int k = 0; k < n; ++k)
+        whiteBalanceFrame(frames[k], width, height, redGain, blueGain, whiteLevel, tuning.bayerPattern);
+
+    std::vector<short> gammaTable(static_cast<size_t>(whiteLevel) + 1);
+    float lastExponent = 1.0f;
+    for (int k = 0; k < n; ++k) {
+        lastExponent = hdr_detail::gammaExponent(k);
+        createGammaTbl(gammaTable.data(), whiteLevel, lastExponent);
+        hdr_detail::mapThroughTable(frames[k], pixels, gammaTable.data(), whiteLevel);
+    }
+
+    // Weight maps: intensities first, replaced in place by the fusion weights.
+    std::vector<std::unique_ptr<unsigned short[]>> weightBuffers(static_cast<size_t>(n));
+    std::vector<unsigned short*> weights(static_cast<size_t>(n));
+    for (int k = 0; k < n; ++k) {
+        weightBuffers[k].reset(new unsigned short[pixels]);
+        // Unknown pattern codes produce no intensities; start from zeros so that
+        // nothing uninitialised flows into the weights.
+        if (static_cast<unsigned>(tuning.bayerPattern) > 3u)
+            std::memset(weightBuffers[k].get(), 0, pixels * sizeof(unsigned short));
+        weights[k] = weightBuffers[k].get();
+    }
+
+    const int levelCount = hdr_detail::levelCountForSize(width, height);
+    const int shallowLevelCount = std::min(tuning.shallowLevelCount, levelCount);
+    std::vector<std::array<int, 2>> sizeStorage = hdr_detail::levelSizesFor(width, height, levelCount);
+    std::vector<int*> levelSizes(static_cast<size_t>(levelCount));
+    for (int i = 0; i < levelCount; ++i) levelSizes[i] = sizeStorage[i].data();
+
+    intensityEstimation(&frames, &weights, width, height, n, truncToInt(redGain), truncToInt(blueGain),
+                        tuning.bayerPattern);
+    calculateWeight(&weights, &frames, &weights, width, height, n, tuning.exposureCenter, whiteLevel, &levelSizes,
+                    levelCount, tuning.exposureWeightScale);
+
+    auto allocateLevels = [&](int count, std::vector<std::unique_ptr<short[]>>& owned, std::vector<short*>& levels) {
+        owned.resize(static_cast<size_t>(count));
+        levels.resize(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) {
+            owned[i].reset(new short[static_cast<size_t>(sizeStorage[i][0]) * static_cast<size_t>(sizeStorage[i][1])]());
+            levels[i] = owned[i].get();
+        }
+    };
+    std::vector<std::unique_ptr<short[]>> fullLevels, shallowLevels;
+    std::vector<short*> fullPyramid, shallowPyramid;
+    allocateLevels(levelCount, fullLevels, fullPyramid);
+    allocateLevels(shallowLevelCount, shallowLevels, shallowPyramid);
+
+    exposureFusion(&weights, &frames, &fullPyramid, &shallowPyramid, &levelSizes, height, width, redGain, blueGain,
+                   n, levelCount, shallowLevelCount, tuning.laplacianGain0, tuning.laplacianGain1,
+                   tuning.laplacianGainMaxLevel, whiteLevel);
+    weightBuffers.clear();
+    weights.clear();
+
+    reconstructLaplacianPyramid(&fullPyramid, &levelSizes, levelCount, whiteLevel);
+    reconstructLaplacianPyramid(&shallowPyramid, &levelSizes, shallowLevelCount, whiteLevel);
+    short* full = fullPyramid[0];
+    short* shallow = shallowPyramid[0];
+    dataRangeCompression(full, full, width, height, whiteLevel, tuning.rangeCompressionBlend,
+                         tuning.rangeCompressionRatio);
+    dataRangeCompression(shallow, shallow, width, height, whiteLevel, tuning.rangeCompressionBlend,
+                         tuning.rangeCompressionRatio);
+
+    const float alpha = tuning.pyramidBlendAlpha;
+    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+        alphaFusion(full, shallow, full, rowStart, rowEnd, width, alpha, 1.0f - alpha);
+    });
+    short* result = full;
+
+    createGammaTbl(gammaTable.data(), whiteLevel, 1.0f / lastExponent);
+    hdr_detail::mapThroughTable(result, pixels, gammaTable.data(), whiteLevel);
+
+    greenAttenuation(result, result, width, height, whiteLevel, tuning.bayerPattern);
+
+    whiteBalanceFrame(result, width, height, 1.0f / redGain, 1.0f / blueGain, whiteLevel, tuning.bayerPattern);
+
+    hdr_detail::restoreBlackLevel(result, width, height, blackLevels, whiteLevel);
+
+    std::memcpy(output, result, pixels * sizeof(short));
+
+    parameter.reset();
+    const clock_t now = clock();
+    printf("total use %f seconds\n", static_cast<double>(now - start) / 1000000.0);
+}

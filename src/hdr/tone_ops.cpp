@@ -1,0 +1,220 @@
+#include "hdr/tone_ops.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include "imgcore/saturate.h"
+
+namespace {
+
+// Scale factors up to this magnitude keep every product with a 16-bit sample within
+// +-2^30, far inside the int range, so the plain conversion is exact there; larger,
+// infinite or NaN factors go through the saturating conversion.
+constexpr float kSafeScale = 32768.0f;
+
+bool scaleIsSafe(float s) { return std::fabs(s) <= kSafeScale; }  // false for NaN
+
+template <bool Checked>
+inline int truncate(float v) {
+    if constexpr (Checked) {
+        return truncToInt(v);
+    } else {
+        return static_cast<int>(v);
+    }
+}
+
+// gain * sample, clamped above at the white level, truncated, kept to 16 bits. The
+// upper clamp only lowers v, to a value in [-2^31, 2^31): it cannot leave the range.
+template <bool Checked>
+inline short scaleAndClamp(short sample, float gain, float white) {
+    float v = gain * static_cast<float>(sample);
+    if (v > white) v = white;
+    return static_cast<short>(truncate<Checked>(v));
+}
+
+// One row of quads: even columns get gainEven, odd columns gainOdd. A trailing odd
+// column is scaled on its own.
+template <bool Checked>
+void scaleRow(const short* src, short* dst, int width, float gainEven, float gainOdd, float white) {
+    int c = 0;
+    for (; c + 1 < width; c += 2) {
+        dst[c] = scaleAndClamp<Checked>(src[c], gainEven, white);
+        dst[c + 1] = scaleAndClamp<Checked>(src[c + 1], gainOdd, white);
+    }
+    if (c < width) dst[c] = scaleAndClamp<Checked>(src[c], gainEven, white);
+}
+
+template <bool Checked>
+void whiteBalanceRows(const short* src, short* dst, int rowStart, int rowEnd, const float gains[4], int width,
+                      float white) {
+    for (int r = rowStart; r < rowEnd; r += 2) {
+        const std::ptrdiff_t even = static_cast<std::ptrdiff_t>(r) * width;
+        const std::ptrdiff_t odd = even + width;
+        scaleRow<Checked>(src + even, dst + even, width, gains[0], gains[1], white);
+        scaleRow<Checked>(src + odd, dst + odd, width, gains[2], gains[3], white);
+    }
+}
+
+// Quad mean: the 32-bit sum of the four samples shifted right by 2 (arithmetic shift).
+inline int quadMean(const short* top, const short* bottom, int c) {
+    return (static_cast<int>(top[c]) + top[c + 1] + bottom[c] + bottom[c + 1]) >> 2;
+}
+
+// Scale factor of a quad whose mean, limited to `top`, is qc: above the knee the mean
+// is mapped linearly from (knee, top] onto (knee, whiteLevel]. The differences are
+// taken in 64 bits so that extreme knees cannot overflow; for every int result they
+// equal the 32-bit differences.
+float compressionRatio(int qc, int knee, int top, int whiteLevel) {
+    int t = qc;
+    if (qc > knee) {
+        t = truncToInt(static_cast<double>(static_cast<long long>(whiteLevel) - knee) *
+                           static_cast<double>(static_cast<long long>(qc) - knee) /
+                           static_cast<double>(static_cast<long long>(top) - knee) +
+                       static_cast<double>(knee));
+    }
+    return static_cast<float>(static_cast<double>(t) / (static_cast<double>(qc) + 1e-12));
+}
+
+template <bool Checked>
+void compressQuads(const short* src, short* dst, int width, int quadRows, int quadCols, int top,
+                   const std::vector<float>& ratios, int lowest, float white) {
+    for (int qy = 0; qy < quadRows; ++qy) {
+        const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(2 * qy) * width;
+        const short* s0 = src + row;
+        const short* s1 = s0 + width;
+        short* d0 = dst + row;
+        short* d1 = d0 + width;
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const float ratio = ratios[std::min(quadMean(s0, s1, c), top) - lowest];
+            // Read all four samples before writing: dst may be src.
+            const short a = s0[c], b = s0[c + 1], e = s1[c], f = s1[c + 1];
+            d0[c] = scaleAndClamp<Checked>(a, ratio, white);
+            d0[c + 1] = scaleAndClamp<Checked>(b, ratio, white);
+            d1[c] = scaleAndClamp<Checked>(e, ratio, white);
+            d1[c + 1] = scaleAndClamp<Checked>(f, ratio, white);
+        }
+    }
+}
+
+// Green factor of a quad from its green mean relative to the white level: 0.96 in the
+// dark, 1.0 in the bright, a linear ramp between 0.2 and 0.3 (comparisons and ramp in
+// double precision).
+float greenFactor(int g1, int g2, int whiteLevel) {
+    const float g = static_cast<float>(static_cast<double>(g1 + g2) * 0.5) / static_cast<float>(whiteLevel);
+    const double gd = g;
+    if (gd < 0.2) return 0.96f;
+    if (gd > 0.3) return 1.0f;
+    return static_cast<float>(gd * 0.4 + 0.88);
+}
+
+// f * sample rounded half up. f is 0.96..1.0 except for a NaN green mean (0 / 0 with a
+// zero white level), which the saturating conversion turns into 0.
+inline short attenuate(short sample, float f) {
+    return static_cast<short>(truncToInt(static_cast<double>(f * static_cast<float>(sample)) + 0.5));
+}
+
+}  // namespace
+
+void whiteBalance(short* src, short* dst, int rowStart, int rowEnd, float redGain, float blueGain, int width,
+                  int whiteLevel, int bayerPattern) {
+    float gains[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // unknown codes (negative ones too) write zeros
+    switch (static_cast<unsigned>(bayerPattern)) {
+        case 0: gains[0] = redGain, gains[1] = 1.0f, gains[2] = 1.0f, gains[3] = blueGain; break;
+        case 1: gains[0] = blueGain, gains[1] = 1.0f, gains[2] = 1.0f, gains[3] = redGain; break;
+        case 2: gains[0] = 1.0f, gains[1] = redGain, gains[2] = blueGain, gains[3] = 1.0f; break;
+        case 3: gains[0] = 1.0f, gains[1] = blueGain, gains[2] = redGain, gains[3] = 1.0f; break;
+        default: break;
+    }
+    if (rowStart >= rowEnd || width <= 0) return;
+    const float white = static_cast<float>(whiteLevel);
+    if (scaleIsSafe(redGain) && scaleIsSafe(blueGain))
+        whiteBalanceRows<false>(src, dst, rowStart, rowEnd, gains, width, white);
+    else
+        whiteBalanceRows<true>(src, dst, rowStart, rowEnd, gains, width, white);
+}
+
+void createGammaTbl(short* table, int whiteLevel, float gamma) {
+    const float white = static_cast<float>(whiteLevel);
+    for (int i = 0; i <= whiteLevel; ++i)
+        table[i] = static_cast<short>(truncToInt(powf(static_cast<float>(i) / white, gamma) * white));
+}
+
+void dataRangeCompression(const short* src, short* dst, int width, int height, int whiteLevel,
+                          float rangeCompressionBlend, float rangeCompressionRatio) {
+    if (height < 1 || width < 1) return;
+    const int quadRows = height / 2, quadCols = width / 2;
+    if (quadRows == 0 || quadCols == 0) return;
+
+    int brightest = 0, darkest = INT_MAX;
+    for (int qy = 0; qy < quadRows; ++qy) {
+        const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        const short* s1 = s0 + width;
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const int q = quadMean(s0, s1, c);
+            brightest = std::max(brightest, q);
+            darkest = std::min(darkest, q);
+        }
+    }
+
+    const float white = static_cast<float>(whiteLevel);
+    const int knee = truncToInt(white * rangeCompressionRatio);
+    const int top =
+        truncToInt((1.0f - rangeCompressionBlend) * white + static_cast<float>(brightest) * rangeCompressionBlend);
+
+    // The factor depends on the limited mean only: tabulate it over the limited means
+    // that occur. Means lie in [-32768, 32767], so the table has at most 65536 entries.
+    const int lowest = std::min(darkest, top);
+    const int highest = std::min(brightest, top);
+    std::vector<float> ratios(static_cast<std::size_t>(static_cast<long long>(highest) - lowest + 1));
+    bool safe = true;
+    for (std::size_t i = 0; i < ratios.size(); ++i) {
+        ratios[i] = compressionRatio(lowest + static_cast<int>(i), knee, top, whiteLevel);
+        safe = safe && scaleIsSafe(ratios[i]);
+    }
+    if (safe)
+        compressQuads<false>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
+    else
+        compressQuads<true>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
+}
+
+void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEnd, int width, float weightA,
+                 float weightB) {
+    if (rowStart >= rowEnd || width <= 0) return;
+    const std::ptrdiff_t begin = static_cast<std::ptrdiff_t>(rowStart) * width;
+    const std::ptrdiff_t end = static_cast<std::ptrdiff_t>(rowEnd) * width;
+    if (scaleIsSafe(weightA) && scaleIsSafe(weightB) && std::fabs(weightA) + std::fabs(weightB) <= kSafeScale) {
+        // |result| <= 32768 * (|weightA| + |weightB|) <= 2^30: the plain cast is in range.
+        for (std::ptrdiff_t i = begin; i < end; ++i)
+            dst[i] = static_cast<short>(
+                static_cast<int>(static_cast<float>(a[i]) * weightA + static_cast<float>(b[i]) * weightB));
+    } else {
+        for (std::ptrdiff_t i = begin; i < end; ++i)
+            dst[i] = static_cast<short>(
+                truncToInt(static_cast<float>(a[i]) * weightA + static_cast<float>(b[i]) * weightB));
+    }
+}
+
+void greenAttenuation(short* src, short* dst, int width, int height, int whiteLevel, int bayerPattern) {
+    // Greens on the diagonal (even/even, odd/odd) for codes 2 and above, compared
+    // unsigned; on the anti-diagonal for 0 and 1.
+    const bool diagonal = static_cast<unsigned>(bayerPattern) >= 2u;
+    const int firstCol = diagonal ? 0 : 1;   // column of the green on the quad's top row
+    const int secondCol = diagonal ? 1 : 0;  // and on its bottom row
+    const int quadRows = height / 2, quadCols = width / 2;
+    for (int qy = 0; qy < quadRows; ++qy) {
+        const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(2 * qy) * width;
+        const short* s0 = src + row;
+        const short* s1 = s0 + width;
+        short* d0 = dst + row;
+        short* d1 = d0 + width;
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const short g1 = s0[c + firstCol], g2 = s1[c + secondCol];
+            const float f = greenFactor(g1, g2, whiteLevel);
+            d0[c + firstCol] = attenuate(g1, f);
+            d1[c + secondCol] = attenuate(g2, f);
+        }
+    }
+}
