@@ -33,19 +33,22 @@ std::pair<Result, Result> runPair(CallA callA, CallB callB) {
     return {a, b};
 }
 
-// Two different scenes, each frame moved by whole guide pixels (4 samples) and
-// noise-free: the matches agree exactly, so the shared rand() sequence that both
-// calls draw their RANSAC samples from cannot change either result.
+// Two different scenes, each normal frame an exact copy of the reference moved by
+// whole guide pixels (multiples of 4 samples), the short exposures black: every
+// correspondence agrees exactly, so the rand() sequence that both calls draw their
+// RANSAC samples from cannot change either result.
 NightBurst burstA() {
-    return pipeline_inputs::makeNightBurst(640, 480, 21, {{4, 0}, {-4, 4}, {0, 0}, {8, -4}, {-4, -8}});
+    return pipeline_inputs::makeExactNightBurst(640, 480, 21,
+                                                {{0, 0}, {0, 0}, {0, 0}, {8, 0}, {-8, 8}, {12, -4}, {4, -12}});
 }
 NightBurst burstB() {
-    return pipeline_inputs::makeNightBurst(640, 480, 77, {{-8, 4}, {4, 4}, {0, 0}, {-4, 0}, {4, -4}, {0, 8}});
+    return pipeline_inputs::makeExactNightBurst(640, 480, 77, {{0, 0}, {0, 0}, {0, 0}, {-4, 4}, {16, -8}, {-12, -16}});
 }
 
 TEST(ConcurrentCalls, NightEntryOnTwoBurstsMatchesSeparateCalls) {
     const NightBurst a = burstA(), b = burstB();
     NightParams pa, pb;
+    pa.minFeatureCount = pb.minFeatureCount = 10;
     pb.bayerPattern = 2;
     pb.gain = 1.5f;
     pb.outputFrame = 2;  // output aliasing the reference: the entry merges through a temporary
@@ -53,10 +56,16 @@ TEST(ConcurrentCalls, NightEntryOnTwoBurstsMatchesSeparateCalls) {
     std::srand(1);
     const NightResult aloneA = pipeline_inputs::runNight(a, pa);
     const NightResult aloneB = pipeline_inputs::runNight(b, pb);
+    // Both bursts are registered and merged, not handed back as the reference.
+    ASSERT_EQ(aloneA.usable, 5);
+    ASSERT_EQ(aloneB.usable, 4);
+    ASSERT_NE(aloneA.frames[3], a.frames[3]);
     // Precondition of the comparison: these bursts do not depend on the draws.
-    std::srand(4711);
-    ASSERT_TRUE(pipeline_inputs::runNight(a, pa) == aloneA) << "burst A depends on the rand() draws";
-    ASSERT_TRUE(pipeline_inputs::runNight(b, pb) == aloneB) << "burst B depends on the rand() draws";
+    for (unsigned seed : {4711u, 99991u}) {
+        std::srand(seed);
+        ASSERT_TRUE(pipeline_inputs::runNight(a, pa) == aloneA) << "burst A depends on the rand() draws";
+        ASSERT_TRUE(pipeline_inputs::runNight(b, pb) == aloneB) << "burst B depends on the rand() draws";
+    }
 
     for (int round = 0; round < 2; ++round) {
         auto results = runPair<NightResult>([&] { return pipeline_inputs::runNight(a, pa); },

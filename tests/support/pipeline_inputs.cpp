@@ -1,6 +1,8 @@
 #include "support/pipeline_inputs.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <random>
 
 #include "registration/nocturn_entry.h"
@@ -28,6 +30,40 @@ NightBurst makeNightBurst(int width, int height, uint32_t sceneSeed, const std::
         std::vector<short> frame = kep::synth::renderRaw(scene, motion, options);
         if (noiseAmplitude > 0)
             for (short& v : frame) v = static_cast<short>(std::clamp(v + noise(rng), 0, 1023));
+        burst.frames.push_back(std::move(frame));
+    }
+    return burst;
+}
+
+NightBurst makeExactNightBurst(int width, int height, uint32_t sceneSeed, const std::vector<Shift>& shifts) {
+    int margin = 0;
+    for (const Shift& s : shifts) margin = std::max({margin, static_cast<int>(std::abs(s.dx)), static_cast<int>(std::abs(s.dy))});
+    margin += margin & 1;  // keeps the Bayer phase of the crop
+    const int fullWidth = width + 2 * margin, fullHeight = height + 2 * margin;
+    const kep::synth::Scene scene(fullWidth, fullHeight, sceneSeed);
+    std::vector<short> full = kep::synth::renderRaw(scene, kep::synth::Motion{}, kep::synth::RenderOptions{});
+    // Flat grey around the texture, wide enough that the texture never leaves any
+    // frame and that no feature point lies where the matcher skips points near the
+    // border (18 guide pixels): every guide then has the same histogram, hence the
+    // same equalisation, and the guides are exact shifts of one another.
+    const int band = 2 * margin + 4 * 24;
+    const short flat = full[static_cast<size_t>(fullHeight / 2) * fullWidth + fullWidth / 2];
+    for (int y = 0; y < fullHeight; ++y)
+        for (int x = 0; x < fullWidth; ++x)
+            if (x < band || y < band || x >= fullWidth - band || y >= fullHeight - band)
+                full[static_cast<size_t>(y) * fullWidth + x] = flat;
+
+    NightBurst burst;
+    burst.width = width;
+    burst.height = height;
+    for (size_t k = 0; k < shifts.size(); ++k) {
+        // Short exposures so dark that they hold nothing but the black level.
+        std::vector<short> frame(static_cast<size_t>(width) * height, 64);
+        const int ox = margin + static_cast<int>(shifts[k].dx), oy = margin + static_cast<int>(shifts[k].dy);
+        if (k >= 2)
+            for (int y = 0; y < height; ++y)
+                for (int x = 0; x < width; ++x)
+                    frame[static_cast<size_t>(y) * width + x] = full[static_cast<size_t>(y + oy) * fullWidth + x + ox];
         burst.frames.push_back(std::move(frame));
     }
     return burst;

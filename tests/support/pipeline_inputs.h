@@ -26,12 +26,19 @@ struct NightBurst {
 };
 
 // Frame k shows the synthetic scene (seed sceneSeed) moved by shifts[k], without
-// rotation. With whole multiples of 4 samples and noise 0 every frame is an exact
-// translation of the reference by whole guide pixels, so every correspondence the
-// matcher finds agrees and any random sample set yields the same motion model.
+// rotation, rendered by the scene's bilinear sampling (sub-sample shifts allowed).
 // noiseAmplitude > 0 adds integer noise uniform in [-a, a] (seeded by noiseSeed).
 NightBurst makeNightBurst(int width, int height, uint32_t sceneSeed, const std::vector<Shift>& shifts,
                           int noiseAmplitude = 0, uint32_t noiseSeed = 1);
+
+// A burst whose frames are exact copies of one another up to the given whole-sample
+// translations (cut from one larger rendering, so the borders too), posterised so
+// that every sample sits a multiple of 32 levels above the black level of 64: the
+// short exposures are then exactly 1/8 and 1/4 of the reference above black, and
+// the guides the driver brightens x8 and x4 equal the reference's guide. Every
+// correspondence found between such frames agrees exactly, so any random sample
+// set yields the same motion model.
+NightBurst makeExactNightBurst(int width, int height, uint32_t sceneSeed, const std::vector<Shift>& shifts);
 
 struct NightParams {
     int grayGain = 1;
