@@ -23,8 +23,13 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 # clang with its libFuzzer and sanitizer runtimes (installed only when missing).
 scripts/install-deps.sh clang libclang-rt-14-dev
-cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_FUZZ=ON \
-  -DKEP_BUILD_TESTS=OFF -DKEP_BUILD_TOOLS=OFF -DKEP_BUILD_BENCH=OFF | grep -E '^-- fuzz:' || true
+mkdir -p "$build"
+if ! cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_FUZZ=ON \
+  -DKEP_BUILD_TESTS=OFF -DKEP_BUILD_TOOLS=OFF -DKEP_BUILD_BENCH=OFF >"$build/configure.log" 2>&1; then
+  cat "$build/configure.log"
+  exit 1
+fi
+grep -E '^-- fuzz:' "$build/configure.log" || true
 cmake --build "$build" -j"$jobs"
 
 if (($# > 0)); then
@@ -39,7 +44,7 @@ run_target() {
   local target=$1 seeds="fuzz/corpus/$1" found="$build/corpus/$1"
   mkdir -p "$found" "$seeds"
   # stdout is closed (the entries print progress lines); reports go to stderr.
-  "$build/fuzz/$target" -max_total_time="$seconds" -max_len=8192 -timeout=30 -rss_limit_mb=4096 \
+  "$build/fuzz/$target" -max_total_time="$seconds" -max_len=8192 -len_control=0 -timeout=30 -rss_limit_mb=4096 \
     -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$build/artifacts/$target-" \
     "$found" "$seeds" >"$build/logs/$target.log" 2>&1
 }

@@ -15,21 +15,36 @@ cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 stages=${KEP_STAGES:-release asan tsan fuzz aarch64}
 
+# cmake -S . -B <dir> <options...>, quiet apart from the checks it leaves out (and
+# everything on failure).
+configure() {
+  local dir=$1 log
+  shift
+  log=$(mktemp)
+  if ! cmake -S . -B "$dir" "$@" >"$log" 2>&1; then
+    cat "$log"
+    rm -f "$log"
+    return 1
+  fi
+  grep -E '^-- .*skipped' "$log" || true
+  rm -f "$log"
+}
+
 stage_release() {
-  cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
+  configure build -DCMAKE_BUILD_TYPE=Release
   cmake --build build -j"$jobs"
   ctest --test-dir build --output-on-failure -j"$jobs"
 }
 
 stage_asan() {
-  cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_SANITIZE=ON -DKEP_BUILD_TOOLS=OFF >/dev/null
+  configure build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_SANITIZE=ON -DKEP_BUILD_TOOLS=OFF
   cmake --build build-asan -j"$jobs"
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan --output-on-failure -j"$jobs"
 }
 
 stage_tsan() {
-  cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_TSAN=ON -DKEP_BUILD_TOOLS=OFF >/dev/null
+  configure build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEP_TSAN=ON -DKEP_BUILD_TOOLS=OFF
   cmake --build build-tsan -j"$jobs" --target kep_threaded_tests
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
     ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L 'hdr|threads' --no-tests=error
