@@ -5,13 +5,9 @@
 
 #include <cstdlib>
 #include <thread>
-#include <vector>
+#include <utility>
 
-#include "registration/nocturn_entry.h"
 #include "support/pipeline_inputs.h"
-#if KEP_HAVE_HDR_PROCESS
-#include "hdr/hdr_process.h"
-#endif
 
 namespace {
 
