@@ -31,13 +31,14 @@ struct NightBurst {
 NightBurst makeNightBurst(int width, int height, uint32_t sceneSeed, const std::vector<Shift>& shifts,
                           int noiseAmplitude = 0, uint32_t noiseSeed = 1);
 
-// A burst whose frames are exact copies of one another up to the given whole-sample
-// translations (cut from one larger rendering, so the borders too), posterised so
-// that every sample sits a multiple of 32 levels above the black level of 64: the
-// short exposures are then exactly 1/8 and 1/4 of the reference above black, and
-// the guides the driver brightens x8 and x4 equal the reference's guide. Every
-// correspondence found between such frames agrees exactly, so any random sample
-// set yields the same motion model.
+// A burst whose registration cannot depend on the RANSAC draws. Frames 2 and up
+// are exact copies of one another up to the given whole-sample translations (cut
+// from one larger rendering; use multiples of 4, whole guide pixels). The texture
+// sits inside a band of flat grey wide enough that it never leaves a frame and that
+// no feature point falls where the matcher skips points near the border, so every
+// guide has the same histogram and equalisation and the guides are exact shifts:
+// every correspondence agrees and any sample set yields the same model. Frames 0
+// and 1 (short exposures) hold only the black level; their shifts are not used.
 NightBurst makeExactNightBurst(int width, int height, uint32_t sceneSeed, const std::vector<Shift>& shifts);
 
 struct NightParams {
