@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and tools need, only when missing.
 # Usage: scripts/install-deps.sh [extra-package ...]
+# The command-line tool (tools/kepraw) needs: libraw-dev libtiff-dev libpng-dev pkg-config
 set -euo pipefail
 
 need=()

@@ -1,8 +1,11 @@
 #include "synthetic_scene.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <random>
+#include <system_error>
+#include <thread>
 
 namespace kep {
 namespace synth {
@@ -62,6 +65,12 @@ struct Shape {
     float rgb[3];
 };
 
+// Renders frame k through motions[k] with renders[k]. Every frame draws its
+// noise from its own seeded generator, so the frames are rendered on parallel
+// threads with the same result as one after the other.
+std::vector<std::vector<short>> renderAll(const Scene& scene, const std::vector<Motion>& motions,
+                                          const std::vector<RenderOptions>& renders);
+
 }  // namespace
 
 int bayerChannel(int pattern, int x, int y) {
@@ -98,13 +107,23 @@ Scene::Scene(int width, int height, uint32_t seed) : width_(width), height_(heig
     std::vector<unsigned char> strokes(static_cast<size_t>((panelW / glyph + 1) * (panelH / glyph + 1)));
     for (auto& s : strokes) s = static_cast<unsigned char>(rng() % 16);
 
+    std::vector<const Shape*> rowShapes;
     for (int y = 0; y < height; ++y) {
+        // Only the shapes that reach this row can contain one of its pixels (for a
+        // disc, (x - cx)^2 + (y - cy)^2 is never below (y - cy)^2, even rounded).
+        rowShapes.clear();
+        for (const Shape& s : shapes) {
+            const float cy = 0.5f * (s.y0 + s.y1), r = 0.5f * (s.x1 - s.x0);
+            const bool reaches = s.kind == 0 ? (y >= s.y0 && y < s.y1) : (y - cy) * (y - cy) < r * r;
+            if (reaches) rowShapes.push_back(&s);
+        }
         for (int x = 0; x < width; ++x) {
             const float gx = static_cast<float>(x) / width, gy = static_cast<float>(y) / height;
             // Smooth gradients with texture of several scales.
             float lum = 0.25f + 0.45f * gx + 0.15f * coarse.at(x, y) + 0.10f * medium.at(x, y) + 0.06f * fine.at(x, y);
             float rgb[3] = {lum * (0.9f + 0.2f * tint.at(x, y)), lum, lum * (0.9f - 0.2f * tint.at(x, y) + 0.1f * gy)};
-            for (const Shape& s : shapes) {
+            for (const Shape* sp : rowShapes) {
+                const Shape& s = *sp;
                 bool inside;
                 if (s.kind == 0) {
                     inside = x >= s.x0 && x < s.x1 && y >= s.y0 && y < s.y1;
@@ -181,6 +200,7 @@ Burst makeNightBurst(const Scene& scene, const BurstOptions& options) {
     burst.height = scene.height();
     std::mt19937 rng(options.seed);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<RenderOptions> renders;
     for (int k = 0; k < options.frames; ++k) {
         Motion m;
         if (k != 2) {
@@ -194,13 +214,63 @@ Burst makeNightBurst(const Scene& scene, const BurstOptions& options) {
         r.readNoise = options.readNoise;
         r.noiseSeed = options.seed * 131u + static_cast<uint32_t>(k);
         burst.motions.push_back(m);
-        burst.frames.push_back(renderRaw(scene, m, r));
+        renders.push_back(r);
     }
     RenderOptions clean;
     clean.levelsAtOne = options.levelsAtOne;
-    burst.clean = renderRaw(scene, Motion{}, clean);
+    std::vector<Motion> motions = burst.motions;
+    motions.push_back(Motion{});
+    renders.push_back(clean);
+    std::vector<std::vector<short>> frames = renderAll(scene, motions, renders);
+    burst.clean = std::move(frames.back());
+    frames.pop_back();
+    burst.frames = std::move(frames);
     return burst;
 }
+
+HdrBracket makeHdrBracket(const Scene& scene, const HdrBracketOptions& options) {
+    HdrBracket bracket;
+    bracket.width = scene.width();
+    bracket.height = scene.height();
+    const double exposures[3] = {1.0 / options.ratio, 2.0 / options.ratio, 1.0};
+    std::vector<RenderOptions> renders;
+    for (int k = 0; k < 3; ++k) {
+        RenderOptions r;
+        r.levelsAtOne = options.levelsAtOne * exposures[k];
+        r.shotNoiseGain = options.shotNoiseGain;
+        r.readNoise = options.readNoise;
+        r.noiseSeed = options.seed * 131u + static_cast<uint32_t>(k);
+        renders.push_back(r);
+    }
+    std::vector<std::vector<short>> frames = renderAll(scene, std::vector<Motion>(3), renders);
+    bracket.shortFrame = std::move(frames[0]);
+    bracket.midFrame = std::move(frames[1]);
+    bracket.longFrame = std::move(frames[2]);
+    return bracket;
+}
+
+namespace {
+
+std::vector<std::vector<short>> renderAll(const Scene& scene, const std::vector<Motion>& motions,
+                                          const std::vector<RenderOptions>& renders) {
+    std::vector<std::vector<short>> frames(renders.size());
+    std::atomic<size_t> next{0};
+    auto worker = [&]() {
+        for (size_t k = next++; k < frames.size(); k = next++) frames[k] = renderRaw(scene, motions[k], renders[k]);
+    };
+    const unsigned threads = std::max(1u, std::min(std::thread::hardware_concurrency(), static_cast<unsigned>(frames.size())));
+    std::vector<std::thread> pool;
+    try {
+        for (unsigned t = 1; t < threads; ++t) pool.emplace_back(worker);
+    } catch (const std::system_error&) {
+        // Fewer threads than wanted: the ones started and this one share the work.
+    }
+    worker();
+    for (std::thread& t : pool) t.join();
+    return frames;
+}
+
+}  // namespace
 
 double psnr(const short* a, const short* b, int width, int left, int top, int right, int bottom) {
     double sum = 0.0;

@@ -74,6 +74,26 @@ struct Burst {
 // A low-light burst with hand-shake motion; the reference (frame 2) does not move.
 Burst makeNightBurst(const Scene& scene, const BurstOptions& options);
 
+struct HdrBracketOptions {
+    uint32_t seed = 77;
+    double levelsAtOne = 700.0;  // the long exposure: bright parts of the scene clip
+    double ratio = 4.0;          // long / short exposure; mid is ratio / 2 darker than long
+    double shotNoiseGain = 1.0;
+    double readNoise = 2.0;
+};
+
+struct HdrBracket {
+    int width = 0;
+    int height = 0;
+    std::vector<short> shortFrame;  // levelsAtOne / ratio
+    std::vector<short> midFrame;    // levelsAtOne * 2 / ratio
+    std::vector<short> longFrame;   // levelsAtOne
+};
+
+// Three exposures of the scene from a steady camera (no motion), RGGB on a
+// black level of 64, for the HDR path.
+HdrBracket makeHdrBracket(const Scene& scene, const HdrBracketOptions& options);
+
 // PSNR (peak 1023) of a against b over the rectangle [left, right) x [top, bottom).
 double psnr(const short* a, const short* b, int width, int left, int top, int right, int bottom);
 
