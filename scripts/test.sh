@@ -2,6 +2,8 @@
 # Configures, builds and runs every check, stage by stage, and reports the time of
 # each stage:
 #   release  optimised build (gcc), whole test suite
+#   plain    build with every kernel on its plain definition (-DKEP_FORCE_PLAIN=ON),
+#            whole test suite, and the pipeline hashes compared with the release build's
 #   asan     AddressSanitizer + UndefinedBehaviorSanitizer build, whole test suite
 #            (kepraw and its integration tests included: bad input must never
 #            produce a sanitizer report)
@@ -15,7 +17,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
-stages=${KEP_STAGES:-release asan tsan fuzz aarch64}
+stages=${KEP_STAGES:-release plain asan tsan fuzz aarch64}
 
 # cmake -S . -B <dir> <options...>, quiet apart from the checks it leaves out (and
 # everything on failure).
@@ -36,6 +38,24 @@ stage_release() {
   configure build -DCMAKE_BUILD_TYPE=Release
   cmake --build build -j"$jobs"
   ctest --test-dir build --output-on-failure -j"$jobs"
+}
+
+stage_plain() {
+  configure build-plain -DCMAKE_BUILD_TYPE=Release -DKEP_FORCE_PLAIN=ON -DKEP_BUILD_TOOLS=OFF
+  cmake --build build-plain -j"$jobs"
+  ctest --test-dir build-plain --output-on-failure -j"$jobs"
+  if [[ ! -x build/tests/test_pipeline_hashes ]]; then
+    configure build -DCMAKE_BUILD_TYPE=Release
+    cmake --build build -j"$jobs" --target test_pipeline_hashes
+  fi
+  rm -f build-plain/hashes-fast.txt build-plain/hashes-plain.txt
+  KEP_PIPELINE_HASHES=build-plain/hashes-fast.txt build/tests/test_pipeline_hashes >/dev/null
+  KEP_PIPELINE_HASHES=build-plain/hashes-plain.txt build-plain/tests/test_pipeline_hashes >/dev/null
+  if ! diff -u build-plain/hashes-fast.txt build-plain/hashes-plain.txt; then
+    echo "hashes: fast and plain builds differ (lines above: - fast, + plain)" >&2
+    return 1
+  fi
+  echo "hashes: $(wc -l <build-plain/hashes-fast.txt) pipeline hashes identical in the fast and plain builds"
 }
 
 stage_asan() {
@@ -66,7 +86,7 @@ passed=0
 timings=()
 for stage in $stages; do
   if ! declare -F "stage_$stage" >/dev/null; then
-    echo "unknown stage: $stage (stages: release asan tsan fuzz aarch64)" >&2
+    echo "unknown stage: $stage (stages: release plain asan tsan fuzz aarch64)" >&2
     exit 2
   fi
   echo "== $stage =="
