@@ -24,3 +24,15 @@ KEP_API void singleImageIntensityEstimation(short* frame, unsigned short* intens
 // Pattern codes outside 0..3 write nothing. Returns `extended`.
 KEP_API short* calculateLuma(short* extended, unsigned short* intensity, int rowStart, int rowEnd, int colStart,
                              int colEnd, int border, int extendedStride, int outWidth, int bayerPattern);
+
+// Internal pieces (not exported), reachable from the tests.
+namespace intensity_detail {
+
+// Plain definition of calculateLuma, pixel by pixel. The exported worker takes a
+// row form (pairs of columns, branch-free, vectorised) and the estimation of a
+// whole frame streams padded rows instead of building the extended copy; both must
+// agree with this one bit for bit.
+short* calculateLumaPlain(short* extended, unsigned short* intensity, int rowStart, int rowEnd, int colStart,
+                          int colEnd, int border, int extendedStride, int outWidth, int bayerPattern);
+
+}  // namespace intensity_detail
