@@ -1,6 +1,7 @@
 #include "hdr/hdr_process.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "hdr/intensity.h"
 #include "hdr/pyramid.h"
 #include "hdr/tone_ops.h"
+#include "imgcore/fast_paths.h"
 #include "imgcore/row_stripes.h"
 #include "imgcore/saturate.h"
 
@@ -91,6 +93,105 @@ void whiteBalanceFrame(short* frame, int width, int height, float redGain, float
 }  // namespace
 
 namespace hdr_detail {
+
+void prepareFramesPlain(const std::vector<short*>& frames, int width, int height, float exposureRatio,
+                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
+                        short* gammaTable) {
+    const int n = static_cast<int>(frames.size());
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    for (int k = 0; k < n; ++k)
+        removeBlackLevelAndGain(frames[k], width, height, bracketGain(exposureRatio, k, n), blackLevels, whiteLevel);
+    for (int k = 0; k < n; ++k) whiteBalanceFrame(frames[k], width, height, redGain, blueGain, whiteLevel, bayerPattern);
+    for (int k = 0; k < n; ++k) {
+        createGammaTbl(gammaTable, whiteLevel, gammaExponent(k));
+        mapThroughTable(frames[k], pixels, gammaTable, whiteLevel);
+    }
+}
+
+void prepareFramesFused(const std::vector<short*>& frames, int width, int height, float exposureRatio,
+                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
+                        short* gammaTable) {
+    const int n = static_cast<int>(frames.size());
+    for (int k = 0; k < n; ++k) {
+        short* frame = frames[k];
+        const float gain = bracketGain(exposureRatio, k, n);
+        createGammaTbl(gammaTable, whiteLevel, gammaExponent(k));
+        runOnFourStripes(height / 2, [&](int quadStart, int quadEnd) {
+            for (int q = quadStart; q < quadEnd; ++q) {
+                short* rows = frame + static_cast<ptrdiff_t>(2 * q) * width;
+                removeBlackLevelAndGain(rows, width, 2, gain, blackLevels, whiteLevel);
+                whiteBalance(frame, frame, 2 * q, 2 * q + 2, redGain, blueGain, width, whiteLevel, bayerPattern);
+                mapThroughTable(rows, static_cast<size_t>(2) * width, gammaTable, whiteLevel);
+            }
+        });
+    }
+}
+
+void toneStagesPlain(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable) {
+    const int whiteLevel = tuning.whiteLevel;
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    dataRangeCompression(full, full, width, height, whiteLevel, tuning.rangeCompressionBlend,
+                         tuning.rangeCompressionRatio);
+    dataRangeCompression(shallow, shallow, width, height, whiteLevel, tuning.rangeCompressionBlend,
+                         tuning.rangeCompressionRatio);
+    const float alpha = tuning.pyramidBlendAlpha;
+    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+        alphaFusion(full, shallow, full, rowStart, rowEnd, width, alpha, 1.0f - alpha);
+    });
+    short* result = full;
+    createGammaTbl(gammaTable, whiteLevel, inverseExponent);
+    mapThroughTable(result, pixels, gammaTable, whiteLevel);
+    greenAttenuation(result, result, width, height, whiteLevel, tuning.bayerPattern);
+    whiteBalanceFrame(result, width, height, 1.0f / redGain, 1.0f / blueGain, whiteLevel, tuning.bayerPattern);
+    restoreBlackLevel(result, width, height, blackLevels, whiteLevel);
+    std::memcpy(output, result, pixels * sizeof(short));
+}
+
+void toneStagesFused(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable) {
+    const int whiteLevel = tuning.whiteLevel;
+    const int quadRows = height / 2;
+    // Quad-mean ranges of both collapsed images, folded from four stripes.
+    int brightest[2][4], darkest[2][4];
+    runFourWorkers([&](int k) {
+        for (int image = 0; image < 2; ++image) {
+            brightest[image][k] = 0;
+            darkest[image][k] = INT_MAX;
+            tone_detail::quadMeanRange(image == 0 ? full : shallow, width, stripeStart(quadRows, k),
+                                       stripeEnd(quadRows, k), &brightest[image][k], &darkest[image][k]);
+        }
+    });
+    for (int image = 0; image < 2; ++image)
+        for (int k = 1; k < 4; ++k) {
+            brightest[image][0] = std::max(brightest[image][0], brightest[image][k]);
+            darkest[image][0] = std::min(darkest[image][0], darkest[image][k]);
+        }
+    const tone_detail::RangeCompressionTable fullTable(brightest[0][0], darkest[0][0], whiteLevel,
+                                                       tuning.rangeCompressionBlend, tuning.rangeCompressionRatio);
+    const tone_detail::RangeCompressionTable shallowTable(brightest[1][0], darkest[1][0], whiteLevel,
+                                                          tuning.rangeCompressionBlend, tuning.rangeCompressionRatio);
+    createGammaTbl(gammaTable, whiteLevel, inverseExponent);
+    const float alpha = tuning.pyramidBlendAlpha;
+    const float inverseRed = 1.0f / redGain, inverseBlue = 1.0f / blueGain;
+    runOnFourStripes(quadRows, [&](int quadStart, int quadEnd) {
+        for (int q = quadStart; q < quadEnd; ++q) {
+            const ptrdiff_t offset = static_cast<ptrdiff_t>(2 * q) * width;
+            fullTable.compressQuadRows(full, full, width, q, q + 1);
+            shallowTable.compressQuadRows(shallow, shallow, width, q, q + 1);
+            alphaFusion(full, shallow, full, 2 * q, 2 * q + 2, width, alpha, 1.0f - alpha);
+            mapThroughTable(full + offset, static_cast<size_t>(2) * width, gammaTable, whiteLevel);
+            greenAttenuation(full + offset, full + offset, width, 2, whiteLevel, tuning.bayerPattern);
+            whiteBalance(full, full, 2 * q, 2 * q + 2, inverseRed, inverseBlue, width, whiteLevel,
+                         tuning.bayerPattern);
+            restoreBlackLevel(full + offset, width, 2, blackLevels, whiteLevel);
+            std::memcpy(output + offset, full + offset, static_cast<size_t>(2) * width * sizeof(short));
+        }
+    });
+}
+
 
 float bracketGain(float exposureRatio, int k, int n) {
     if (k == n - 1) return exposureRatio;
@@ -204,20 +305,16 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     std::vector<short*> frames = {frameC, frameB, copyOfA.get(), frameA};
     const int n = static_cast<int>(frames.size());
 
-    for (int k = 0; k < n; ++k)
-        hdr_detail::removeBlackLevelAndGain(frames[k], width, height, hdr_detail::bracketGain(exposureRatio, k, n),
-                                            blackLevels, whiteLevel);
-
-    for (int k = 0; k < n; ++k)
-        whiteBalanceFrame(frames[k], width, height, redGain, blueGain, whiteLevel, tuning.bayerPattern);
-
+    // Stages 4 to 6: black level and bracket gains, white balance, forward gamma.
+    // The fast path runs all three a band of quad rows at a time on four workers.
     std::vector<short> gammaTable(static_cast<size_t>(whiteLevel) + 1);
-    float lastExponent = 1.0f;
-    for (int k = 0; k < n; ++k) {
-        lastExponent = hdr_detail::gammaExponent(k);
-        createGammaTbl(gammaTable.data(), whiteLevel, lastExponent);
-        hdr_detail::mapThroughTable(frames[k], pixels, gammaTable.data(), whiteLevel);
-    }
+    if (kUseFastPaths)
+        hdr_detail::prepareFramesFused(frames, width, height, exposureRatio, blackLevels, redGain, blueGain,
+                                       whiteLevel, tuning.bayerPattern, gammaTable.data());
+    else
+        hdr_detail::prepareFramesPlain(frames, width, height, exposureRatio, blackLevels, redGain, blueGain,
+                                       whiteLevel, tuning.bayerPattern, gammaTable.data());
+    const float lastExponent = n > 0 ? hdr_detail::gammaExponent(n - 1) : 1.0f;
 
     // Weight maps: intensities first, replaced in place by the fusion weights.
     std::vector<std::unique_ptr<unsigned short[]>> weightBuffers(static_cast<size_t>(n));
@@ -263,29 +360,14 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
 
     reconstructLaplacianPyramid(&fullPyramid, &levelSizes, levelCount, whiteLevel);
     reconstructLaplacianPyramid(&shallowPyramid, &levelSizes, shallowLevelCount, whiteLevel);
-    short* full = fullPyramid[0];
-    short* shallow = shallowPyramid[0];
-    dataRangeCompression(full, full, width, height, whiteLevel, tuning.rangeCompressionBlend,
-                         tuning.rangeCompressionRatio);
-    dataRangeCompression(shallow, shallow, width, height, whiteLevel, tuning.rangeCompressionBlend,
-                         tuning.rangeCompressionRatio);
-
-    const float alpha = tuning.pyramidBlendAlpha;
-    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
-        alphaFusion(full, shallow, full, rowStart, rowEnd, width, alpha, 1.0f - alpha);
-    });
-    short* result = full;
-
-    createGammaTbl(gammaTable.data(), whiteLevel, 1.0f / lastExponent);
-    hdr_detail::mapThroughTable(result, pixels, gammaTable.data(), whiteLevel);
-
-    greenAttenuation(result, result, width, height, whiteLevel, tuning.bayerPattern);
-
-    whiteBalanceFrame(result, width, height, 1.0f / redGain, 1.0f / blueGain, whiteLevel, tuning.bayerPattern);
-
-    hdr_detail::restoreBlackLevel(result, width, height, blackLevels, whiteLevel);
-
-    std::memcpy(output, result, pixels * sizeof(short));
+    // Stages 13 (range compression) to 19: per quad, so the fast path runs them all
+    // a band of quad rows at a time on four workers.
+    if (kUseFastPaths)
+        hdr_detail::toneStagesFused(fullPyramid[0], shallowPyramid[0], output, width, height, redGain, blueGain,
+                                    blackLevels, tuning, 1.0f / lastExponent, gammaTable.data());
+    else
+        hdr_detail::toneStagesPlain(fullPyramid[0], shallowPyramid[0], output, width, height, redGain, blueGain,
+                                    blackLevels, tuning, 1.0f / lastExponent, gammaTable.data());
 
     parameter.reset();
     const clock_t now = clock();

@@ -90,4 +90,28 @@ int whiteBalanceStripeEnd(int height, int k);
 // with scale = (whiteLevel - blackLevels[0]) / whiteLevel for every site.
 void restoreBlackLevel(short* image, int width, int height, const int* blackLevels, int whiteLevel);
 
+// Stages 4 to 6 on every frame of the bracket (gamma table of whiteLevel + 1
+// entries as scratch). Plain: stage by stage over whole frames; fused: all three
+// on each band of quad rows, four workers per frame. Identical results: every
+// stage is per sample (white balance per quad).
+void prepareFramesPlain(const std::vector<short*>& frames, int width, int height, float exposureRatio,
+                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
+                        short* gammaTable);
+void prepareFramesFused(const std::vector<short*>& frames, int width, int height, float exposureRatio,
+                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
+                        short* gammaTable);
+
+// Stages 13 (range compression of both collapsed images) to 19 (output). Plain:
+// stage by stage over whole images, the result in `full`, then copied to
+// `output`; fused: the quad-mean ranges first, then every stage on each band of
+// quad rows, four workers, written straight to `output`. Identical output: every
+// stage is per quad once the ranges are known. `full` and `shallow` are
+// overwritten.
+void toneStagesPlain(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable);
+void toneStagesFused(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable);
+
 }  // namespace hdr_detail

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
 
 namespace {
@@ -142,42 +143,98 @@ void createGammaTbl(short* table, int whiteLevel, float gamma) {
         table[i] = static_cast<short>(truncToInt(powf(static_cast<float>(i) / white, gamma) * white));
 }
 
-void dataRangeCompression(const short* src, short* dst, int width, int height, int whiteLevel,
-                          float rangeCompressionBlend, float rangeCompressionRatio) {
-    if (height < 1 || width < 1) return;
-    const int quadRows = height / 2, quadCols = width / 2;
-    if (quadRows == 0 || quadCols == 0) return;
+namespace tone_detail {
 
-    int brightest = 0, darkest = INT_MAX;
-    for (int qy = 0; qy < quadRows; ++qy) {
+void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest) {
+    const int quadCols = width / 2;
+    for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
         const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
         const short* s1 = s0 + width;
         for (int c = 0; c < 2 * quadCols; c += 2) {
             const int q = quadMean(s0, s1, c);
-            brightest = std::max(brightest, q);
-            darkest = std::min(darkest, q);
+            *brightest = std::max(*brightest, q);
+            *darkest = std::min(*darkest, q);
         }
     }
+}
 
+RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
+                                             float rangeCompressionRatio)
+    : white_(static_cast<float>(whiteLevel)) {
+    const float white = white_;
+    const int knee = truncToInt(white * rangeCompressionRatio);
+    top_ = truncToInt((1.0f - rangeCompressionBlend) * white + static_cast<float>(brightest) * rangeCompressionBlend);
+    // The factor depends on the limited mean only: tabulate it over the limited means
+    // that occur. Means lie in [-32768, 32767], so the table has at most 65536 entries.
+    lowest_ = std::min(darkest, top_);
+    const int highest = std::min(brightest, top_);
+    ratios_.resize(static_cast<std::size_t>(std::max(static_cast<long long>(highest) - lowest_ + 1, 0LL)));
+    safe_ = true;
+    for (std::size_t i = 0; i < ratios_.size(); ++i) {
+        ratios_[i] = compressionRatio(lowest_ + static_cast<int>(i), knee, top_, whiteLevel);
+        safe_ = safe_ && scaleIsSafe(ratios_[i]);
+    }
+}
+
+void RangeCompressionTable::compressQuadRows(const short* src, short* dst, int width, int quadRowStart,
+                                             int quadRowEnd) const {
+    if (quadRowEnd <= quadRowStart) return;
+    const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(2 * quadRowStart) * width;
+    if (safe_)
+        compressQuads<false>(src + offset, dst + offset, width, quadRowEnd - quadRowStart, width / 2, top_, ratios_,
+                             lowest_, white_);
+    else
+        compressQuads<true>(src + offset, dst + offset, width, quadRowEnd - quadRowStart, width / 2, top_, ratios_,
+                            lowest_, white_);
+}
+
+void dataRangeCompressionPlain(const short* src, short* dst, int width, int height, int whiteLevel,
+                               float rangeCompressionBlend, float rangeCompressionRatio) {
+    if (height < 1 || width < 1) return;
+    const int quadRows = height / 2, quadCols = width / 2;
+    int brightest = 0;
+    for (int qy = 0; qy < quadRows; ++qy)
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
+            brightest = std::max(brightest, quadMean(s0, s0 + width, c));
+        }
     const float white = static_cast<float>(whiteLevel);
     const int knee = truncToInt(white * rangeCompressionRatio);
     const int top =
         truncToInt((1.0f - rangeCompressionBlend) * white + static_cast<float>(brightest) * rangeCompressionBlend);
-
-    // The factor depends on the limited mean only: tabulate it over the limited means
-    // that occur. Means lie in [-32768, 32767], so the table has at most 65536 entries.
-    const int lowest = std::min(darkest, top);
-    const int highest = std::min(brightest, top);
-    std::vector<float> ratios(static_cast<std::size_t>(static_cast<long long>(highest) - lowest + 1));
-    bool safe = true;
-    for (std::size_t i = 0; i < ratios.size(); ++i) {
-        ratios[i] = compressionRatio(lowest + static_cast<int>(i), knee, top, whiteLevel);
-        safe = safe && scaleIsSafe(ratios[i]);
+    for (int qy = 0; qy < quadRows; ++qy) {
+        const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        const short* s1 = s0 + width;
+        short* d0 = dst + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        short* d1 = d0 + width;
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const float ratio = compressionRatio(std::min(quadMean(s0, s1, c), top), knee, top, whiteLevel);
+            const short a = s0[c], b = s0[c + 1], e = s1[c], f = s1[c + 1];
+            d0[c] = scaleAndClamp<true>(a, ratio, white);
+            d0[c + 1] = scaleAndClamp<true>(b, ratio, white);
+            d1[c] = scaleAndClamp<true>(e, ratio, white);
+            d1[c + 1] = scaleAndClamp<true>(f, ratio, white);
+        }
     }
-    if (safe)
-        compressQuads<false>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
-    else
-        compressQuads<true>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
+}
+
+}  // namespace tone_detail
+
+void dataRangeCompression(const short* src, short* dst, int width, int height, int whiteLevel,
+                          float rangeCompressionBlend, float rangeCompressionRatio) {
+    if (!kUseFastPaths) {
+        tone_detail::dataRangeCompressionPlain(src, dst, width, height, whiteLevel, rangeCompressionBlend,
+                                               rangeCompressionRatio);
+        return;
+    }
+    if (height < 1 || width < 1) return;
+    const int quadRows = height / 2, quadCols = width / 2;
+    if (quadRows == 0 || quadCols == 0) return;
+    int brightest = 0, darkest = INT_MAX;
+    tone_detail::quadMeanRange(src, width, 0, quadRows, &brightest, &darkest);
+    const tone_detail::RangeCompressionTable table(brightest, darkest, whiteLevel, rangeCompressionBlend,
+                                                   rangeCompressionRatio);
+    table.compressQuadRows(src, dst, width, 0, quadRows);
 }
 
 void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEnd, int width, float weightA,
