@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -23,6 +24,7 @@
 #include "hdr/intensity.h"
 #include "hdr/pyramid.h"
 #include "hdr/tone_ops.h"
+#include "imgcore/fast_paths.h"
 #include "imgcore/row_stripes.h"
 #include "synthetic_scene.h"
 
@@ -57,6 +59,26 @@ void setRate(benchmark::State& state, double samplesPerCall) {
     state.counters["MP/s"] =
         benchmark::Counter(samplesPerCall * static_cast<double>(state.iterations()) / 1e6, benchmark::Counter::kIsRate);
 }
+
+// Processor time of the whole process (all worker threads) over the timed
+// regions: less sensitive than wall time to other load on a shared machine.
+class CpuMeter {
+public:
+    void start() { begin_ = now(); }
+    void stop() { total_ += now() - begin_; }
+    void report(benchmark::State& state) const {
+        state.counters["cpu_ms"] = total_ * 1e3 / static_cast<double>(std::max<int64_t>(state.iterations(), 1));
+    }
+
+private:
+    static double now() {
+        timespec t;
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+        return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+    }
+    double begin_ = 0.0;
+    double total_ = 0.0;
+};
 
 uint64_t fnv1a(const short* data, size_t count) {
     uint64_t h = 1469598103934665603ull;
@@ -222,6 +244,7 @@ private:
 };
 
 void BM_HdrWhole(benchmark::State& state) {
+    CpuMeter cpu;
     const kep::synth::Bracket& b = bracket();
     S16 a, bb, c, out(kPixels);
     for (auto _ : state) {
@@ -232,8 +255,10 @@ void BM_HdrWhole(benchmark::State& state) {
         {
             QuietStdout quiet;
             state.ResumeTiming();
+            cpu.start();
             hdrProcess(a.data(), bb.data(), c.data(), out.data(), kRedGain, kBlueGain, kWidth, kHeight,
                        kExposureRatio, 0, blackLevels());
+            cpu.stop();
             state.PauseTiming();
         }
         state.ResumeTiming();
@@ -243,57 +268,102 @@ void BM_HdrWhole(benchmark::State& state) {
     std::snprintf(label, sizeof label, "output %016llx", static_cast<unsigned long long>(fnv1a(out.data(), kPixels)));
     state.SetLabel(label);
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 4: black level and bracket gains, four frames.
 void BM_StageBlackLevelGain(benchmark::State& state) {
+    CpuMeter cpu;
     const kep::synth::Bracket& b = bracket();
     std::vector<S16> frames;
     for (auto _ : state) {
         state.PauseTiming();
         frames = {b.frameC, b.frameB, b.frameA, b.frameA};
         state.ResumeTiming();
+        cpu.start();
         for (int k = 0; k < kFrames; ++k)
             hdr_detail::removeBlackLevelAndGain(frames[k].data(), kWidth, kHeight,
                                                 hdr_detail::bracketGain(kExposureRatio, k, kFrames), blackLevels(),
                                                 kWhite);
+        cpu.stop();
         benchmark::DoNotOptimize(frames[3].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 5: white balance, four frames.
 void BM_StageWhiteBalance(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<S16> frames;
     for (auto _ : state) {
         state.PauseTiming();
         copyInto(frames, stages().gained);
         state.ResumeTiming();
+        cpu.start();
         for (auto& f : frames) whiteBalanceFrame(f.data(), kRedGain, kBlueGain);
+        cpu.stop();
         benchmark::DoNotOptimize(frames[3].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 6: forward gamma tables and mapping, four frames.
 void BM_StageGamma(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<S16> frames;
     std::vector<short> table(kWhite + 1);
     for (auto _ : state) {
         state.PauseTiming();
         copyInto(frames, stages().balanced);
         state.ResumeTiming();
+        cpu.start();
         for (int k = 0; k < kFrames; ++k) {
             createGammaTbl(table.data(), kWhite, hdr_detail::gammaExponent(k));
             hdr_detail::mapThroughTable(frames[k].data(), kPixels, table.data(), kWhite);
         }
+        cpu.stop();
         benchmark::DoNotOptimize(frames[3].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
+}
+
+// Stages 4 to 6 as the driver runs them (fused per band of quad rows when fast
+// paths are on, stage by stage otherwise), four frames.
+void BM_StagesPrepare(benchmark::State& state) {
+    CpuMeter cpu;
+    const kep::synth::Bracket& b = bracket();
+    std::vector<S16> frames(kFrames, S16(kPixels));
+    std::vector<short> table(kWhite + 1);
+    for (auto _ : state) {
+        state.PauseTiming();
+        frames[0] = b.frameC;
+        frames[1] = b.frameB;
+        frames[3] = b.frameA;
+        state.ResumeTiming();
+        cpu.start();
+        std::vector<short*> f = {frames[0].data(), frames[1].data(), frames[2].data(), frames[3].data()};
+        if (kUseFastPaths) {
+            hdr_detail::prepareFramesFused(f, {b.frameC.data(), b.frameB.data(), b.frameA.data(), b.frameA.data()},
+                                           kWidth, kHeight, kExposureRatio, blackLevels(), kRedGain, kBlueGain, kWhite,
+                                           0, table.data());
+        } else {
+            frames[2] = b.frameA;
+            hdr_detail::prepareFramesPlain(f, kWidth, kHeight, kExposureRatio, blackLevels(), kRedGain, kBlueGain,
+                                           kWhite, 0, table.data());
+        }
+        cpu.stop();
+        benchmark::DoNotOptimize(frames[3].data());
+    }
+    setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 9: intensity estimation, four frames.
 void BM_StageIntensity(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<S16> frames = stages().mapped;
     std::vector<U16> out(kFrames, U16(kPixels));
     std::vector<short*> f;
@@ -301,14 +371,18 @@ void BM_StageIntensity(benchmark::State& state) {
     for (auto& x : frames) f.push_back(x.data());
     for (auto& x : out) w.push_back(x.data());
     for (auto _ : state) {
+        cpu.start();
         intensityEstimation(&f, &w, kWidth, kHeight, kFrames, 1, 1, 0);
+        cpu.stop();
         benchmark::DoNotOptimize(out[3].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 10: fusion weights from the intensities, in place as the driver runs it.
 void BM_StageWeights(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<U16> maps;
     std::vector<S16> frames = stages().mapped;
     std::vector<short*> f;
@@ -320,15 +394,19 @@ void BM_StageWeights(benchmark::State& state) {
         std::vector<unsigned short*> w;
         for (auto& x : maps) w.push_back(x.data());
         state.ResumeTiming();
+        cpu.start();
         calculateWeight(&w, &f, &w, kWidth, kHeight, kFrames, 511, kWhite, &sizes, levels().count, 1.0f);
+        cpu.stop();
         benchmark::DoNotOptimize(maps[3].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 12: weight pyramids, Laplacian pyramids and their fusion into both
 // accumulator pyramids, four frames.
 void BM_StagePyramidsAndFusion(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<S16> frames;
     std::vector<U16> weights;
     std::vector<int*> sizes = levels().pointers;
@@ -343,112 +421,170 @@ void BM_StagePyramidsAndFusion(benchmark::State& state) {
         for (auto& x : weights) w.push_back(x.data());
         p.zero();
         state.ResumeTiming();
+        cpu.start();
         exposureFusion(&w, &f, &p.fullPtr, &p.shallowPtr, &sizes, kHeight, kWidth, kRedGain, kBlueGain, kFrames,
                        levels().count, kShallow, 1.0f, 1.0f, 6, kWhite);
+        cpu.stop();
         benchmark::DoNotOptimize(p.full[0].data());
     }
     setRate(state, static_cast<double>(kPixels) * kFrames);
+    cpu.report(state);
 }
 
 // Stage 13, first half: both collapses.
 void BM_StageCollapse(benchmark::State& state) {
+    CpuMeter cpu;
     std::vector<int*> sizes = levels().pointers;
     Pyramids p;
     for (auto _ : state) {
         state.PauseTiming();
         p.copyFrom(*stages().fusedPyramids);
         state.ResumeTiming();
+        cpu.start();
         reconstructLaplacianPyramid(&p.fullPtr, &sizes, levels().count, kWhite);
         reconstructLaplacianPyramid(&p.shallowPtr, &sizes, kShallow, kWhite);
+        cpu.stop();
         benchmark::DoNotOptimize(p.full[0].data());
     }
     setRate(state, static_cast<double>(kPixels) * 2);
+    cpu.report(state);
 }
 
 // Stage 13, second half: range compression of both collapsed images.
 void BM_StageRangeCompression(benchmark::State& state) {
+    CpuMeter cpu;
     S16 full, shallow;
     for (auto _ : state) {
         state.PauseTiming();
         full = stages().collapsedFull;
         shallow = stages().collapsedShallow;
         state.ResumeTiming();
+        cpu.start();
         dataRangeCompression(full.data(), full.data(), kWidth, kHeight, kWhite, 0.7f, 0.55f);
         dataRangeCompression(shallow.data(), shallow.data(), kWidth, kHeight, kWhite, 0.7f, 0.55f);
+        cpu.stop();
         benchmark::DoNotOptimize(shallow.data());
     }
     setRate(state, static_cast<double>(kPixels) * 2);
+    cpu.report(state);
+}
+
+// Stages 13 (range compression) to 19 as the driver runs them: fused per band of
+// quad rows when fast paths are on, stage by stage otherwise.
+void BM_StagesTone(benchmark::State& state) {
+    CpuMeter cpu;
+    S16 full, shallow, out(kPixels);
+    Parameter tuning;
+    initializeParameter(&tuning);
+    std::vector<short> table(kWhite + 1);
+    for (auto _ : state) {
+        state.PauseTiming();
+        full = stages().collapsedFull;
+        shallow = stages().collapsedShallow;
+        state.ResumeTiming();
+        cpu.start();
+        if (kUseFastPaths)
+            hdr_detail::toneStagesFused(full.data(), shallow.data(), out.data(), kWidth, kHeight, kRedGain, kBlueGain,
+                                        blackLevels(), tuning, 2.0f, table.data());
+        else
+            hdr_detail::toneStagesPlain(full.data(), shallow.data(), out.data(), kWidth, kHeight, kRedGain, kBlueGain,
+                                        blackLevels(), tuning, 2.0f, table.data());
+        cpu.stop();
+        benchmark::DoNotOptimize(out.data());
+    }
+    setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 14: blend of the two results on four stripes.
 void BM_StageBlend(benchmark::State& state) {
+    CpuMeter cpu;
     S16 full;
     for (auto _ : state) {
         state.PauseTiming();
         full = stages().compressedFull;
         state.ResumeTiming();
+        cpu.start();
         short* a = full.data();
         short* b = const_cast<short*>(stages().compressedShallow.data());
         runOnFourStripes(kHeight, [&](int rowStart, int rowEnd) {
             alphaFusion(a, b, a, rowStart, rowEnd, kWidth, 0.5f, 0.5f);
         });
+        cpu.stop();
         benchmark::DoNotOptimize(full.data());
     }
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 15: inverse gamma table and mapping.
 void BM_StageInverseGamma(benchmark::State& state) {
+    CpuMeter cpu;
     S16 image;
     std::vector<short> table(kWhite + 1);
     for (auto _ : state) {
         state.PauseTiming();
         image = stages().blended;
         state.ResumeTiming();
+        cpu.start();
         createGammaTbl(table.data(), kWhite, 2.0f);
         hdr_detail::mapThroughTable(image.data(), kPixels, table.data(), kWhite);
+        cpu.stop();
         benchmark::DoNotOptimize(image.data());
     }
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 16: green attenuation.
 void BM_StageGreenAttenuation(benchmark::State& state) {
+    CpuMeter cpu;
     S16 image;
     for (auto _ : state) {
         state.PauseTiming();
         image = stages().inverseMapped;
         state.ResumeTiming();
+        cpu.start();
         greenAttenuation(image.data(), image.data(), kWidth, kHeight, kWhite, 0);
+        cpu.stop();
         benchmark::DoNotOptimize(image.data());
     }
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 17: inverse white balance.
 void BM_StageInverseWhiteBalance(benchmark::State& state) {
+    CpuMeter cpu;
     S16 image;
     for (auto _ : state) {
         state.PauseTiming();
         image = stages().attenuated;
         state.ResumeTiming();
+        cpu.start();
         whiteBalanceFrame(image.data(), 1.0f / kRedGain, 1.0f / kBlueGain);
+        cpu.stop();
         benchmark::DoNotOptimize(image.data());
     }
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 // Stage 18: black-level restore.
 void BM_StageBlackLevelRestore(benchmark::State& state) {
+    CpuMeter cpu;
     S16 image;
     for (auto _ : state) {
         state.PauseTiming();
         image = stages().rebalanced;
         state.ResumeTiming();
+        cpu.start();
         hdr_detail::restoreBlackLevel(image.data(), kWidth, kHeight, blackLevels(), kWhite);
+        cpu.stop();
         benchmark::DoNotOptimize(image.data());
     }
     setRate(state, static_cast<double>(kPixels));
+    cpu.report(state);
 }
 
 }  // namespace
@@ -457,11 +593,13 @@ BENCHMARK(BM_HdrWhole)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageBlackLevelGain)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageWhiteBalance)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageGamma)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StagesPrepare)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageIntensity)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageWeights)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StagePyramidsAndFusion)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageCollapse)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageRangeCompression)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StagesTone)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageBlend)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageInverseGamma)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_StageGreenAttenuation)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "hdr/extended_stripes.h"
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
 
 namespace {
@@ -127,14 +128,34 @@ void binomialRows(const T* extended, T* dst, int rowStart, int rowEnd, int width
     }
 }
 
+// The 9x9 table of the Bayer low-pass: the binomial on even rows and columns.
+struct BayerKernel {
+    int taps[9][9] = {};
+    BayerKernel() {
+        const int b[5] = {1, 4, 6, 4, 1};
+        for (int i = 0; i < 5; ++i)
+            for (int j = 0; j < 5; ++j) taps[2 * i][2 * j] = b[i] * b[j];
+    }
+};
+
 template <typename T>
-void lowPassForBayer(T* src, T* dst, int width, int height) {
+void lowPassForBayer(T* src, T* dst, int width, int height,
+                     void (*worker)(T*, int (*)[9], T*, int, int, int, int, int, int, int, float)) {
     if (width <= 0 || height <= 0) return;
     const std::size_t stride = static_cast<std::size_t>(width) + 2 * kLowPassBorder;
     std::unique_ptr<T[]> extended(new T[stride * (static_cast<std::size_t>(height) + 2 * kLowPassBorder)]);
     extendWithOffset<T>(src, extended.get(), kLowPassBorder, height, width, kLowPassBorder);
-    runOnExtendedStripes(height, kLowPassBorder,
-                         [&](int rowStart, int rowEnd) { binomialRows<T>(extended.get(), dst, rowStart, rowEnd, width); });
+    if (kUseFastPaths) {
+        runOnExtendedStripes(height, kLowPassBorder, [&](int rowStart, int rowEnd) {
+            binomialRows<T>(extended.get(), dst, rowStart, rowEnd, width);
+        });
+        return;
+    }
+    BayerKernel kernel;
+    runOnExtendedStripes(height, kLowPassBorder, [&](int rowStart, int rowEnd) {
+        worker(extended.get(), kernel.taps, dst, rowStart, rowEnd, kLowPassBorder, width + kLowPassBorder,
+               kLowPassBorder, static_cast<int>(stride), width, 256.0f);
+    });
 }
 
 }  // namespace
@@ -153,11 +174,11 @@ unsigned long long imageExtenForIntenEst(float* src, float* dst, int border, int
 }
 
 void lowPassFilteringForBayer_short(short* src, short* dst, int width, int height) {
-    lowPassForBayer<short>(src, dst, width, height);
+    lowPassForBayer<short>(src, dst, width, height, filteringProcess_short);
 }
 
 void lowPassFilteringForBayer_ushort(unsigned short* src, unsigned short* dst, int width, int height) {
-    lowPassForBayer<unsigned short>(src, dst, width, height);
+    lowPassForBayer<unsigned short>(src, dst, width, height, filteringProcess_ushort);
 }
 
 void filteringProcess_short(short* extended, int (*kernel)[9], short* dst, int rowStart, int rowEnd, int colStart,

@@ -10,6 +10,7 @@
 #include "hdr/pyramid_rows.h"
 #include "imgcore/fast_paths.h"
 #include "imgcore/row_stripes.h"
+#include "imgcore/simd_dispatch.h"
 
 namespace {
 
@@ -29,20 +30,27 @@ void accumulateLevel(short* source, unsigned short* weight, short* accumulator, 
 
 // One weighted contribution added into two accumulators at once: each receives
 // exactly the value fusion() would add (same expression, same order), the
-// coefficient and its weight are read once.
-void fuseRowTwice(const short* laplacian, const unsigned short* weight, short* first, short* second, int n) {
+// coefficient and its weight are read once. With Start set the accumulators are
+// known to hold zeros and are not read: c + 0.0f is c for every finite c (and
+// -0.0f + 0.0f truncates to the same 0), so the stored values are the same.
+template <bool Start>
+KEP_KERNEL_BODY void fuseRowTwice(const short* laplacian, const unsigned short* weight, short* first, short* second, int n) {
     for (int x = 0; x < n; ++x) {
         const float c = (static_cast<float>(weight[x]) / 1023.0f) * static_cast<float>(laplacian[x]);
-        first[x] = static_cast<short>(static_cast<int>(c + static_cast<float>(first[x])));
-        second[x] = static_cast<short>(static_cast<int>(c + static_cast<float>(second[x])));
+        if (Start) {
+            first[x] = second[x] = static_cast<short>(static_cast<int>(c));
+        } else {
+            first[x] = static_cast<short>(static_cast<int>(c + static_cast<float>(first[x])));
+            second[x] = static_cast<short>(static_cast<int>(c + static_cast<float>(second[x])));
+        }
     }
 }
 
-void fuseRow(const short* laplacian, const unsigned short* weight, short* accumulator, int n) {
+template <bool Start>
+KEP_KERNEL_BODY void fuseRow(const short* laplacian, const unsigned short* weight, short* accumulator, int n) {
     for (int x = 0; x < n; ++x) {
-        const float value = (static_cast<float>(weight[x]) / 1023.0f) * static_cast<float>(laplacian[x]) +
-                            static_cast<float>(accumulator[x]);
-        accumulator[x] = static_cast<short>(static_cast<int>(value));
+        const float c = (static_cast<float>(weight[x]) / 1023.0f) * static_cast<float>(laplacian[x]);
+        accumulator[x] = static_cast<short>(static_cast<int>(Start ? c : c + static_cast<float>(accumulator[x])));
     }
 }
 
@@ -72,25 +80,33 @@ struct LevelJob {
     int levelIndex;
     float gain0, gain1;
     int gainMaxLevel;
+    bool start;                  // first frame onto accumulators known to be zero
+    KernelIsa isa;
 };
 
 // Quad rows [quadStart, quadEnd) of one level, in one pass: the shallow low-pass
 // contribution, the difference with the up-sampled next level, the detail gains of
 // the quad row, then the contributions to both pyramids. Every sample receives the
 // operations of the plain order (Laplacian construction, then shallow before full).
-void fuseQuadRows(const LevelJob& job, int quadStart, int quadEnd) {
+KEP_KERNEL_BODY void fuseQuadRowsBody(const LevelJob& job, int quadStart, int quadEnd) {
     if (quadEnd <= quadStart) return;
     const int w = job.w;
     std::unique_ptr<pyramid_rows::UpSampledRows> up;
     if (job.next != nullptr)
         up.reset(new pyramid_rows::UpSampledRows(job.next, job.hn, job.wn, 2 * static_cast<std::ptrdiff_t>(job.wn),
-                                                 job.h - 2 * job.hn, w - 2 * job.wn));
+                                                 job.h - 2 * job.hn, w - 2 * job.wn, job.isa));
     std::vector<short> upRow(static_cast<std::size_t>(w));
     for (int q = quadStart; q < quadEnd; ++q) {
         const std::size_t quadOffset = static_cast<std::size_t>(2 * q) * w;
         short* rows = job.level + quadOffset;
         if (job.shallow != nullptr && job.shallowTakesLowPass)
-            for (int r = 0; r < 2; ++r) fuseRow(rows + r * w, job.weight + quadOffset + r * w, job.shallow + quadOffset + r * w, w);
+            for (int r = 0; r < 2; ++r) {
+                const std::size_t offset = quadOffset + static_cast<std::size_t>(r) * w;
+                if (job.start)
+                    fuseRow<true>(rows + r * w, job.weight + offset, job.shallow + offset, w);
+                else
+                    fuseRow<false>(rows + r * w, job.weight + offset, job.shallow + offset, w);
+            }
         if (up) {
             for (int r = 0; r < 2; ++r) {
                 up->row(2 * q + r, upRow.data());
@@ -101,12 +117,23 @@ void fuseQuadRows(const LevelJob& job, int quadStart, int quadEnd) {
         }
         for (int r = 0; r < 2; ++r) {
             const std::size_t offset = quadOffset + static_cast<std::size_t>(r) * w;
-            if (job.shallow != nullptr && !job.shallowTakesLowPass)
-                fuseRowTwice(rows + r * w, job.weight + offset, job.full + offset, job.shallow + offset, w);
+            const bool both = job.shallow != nullptr && !job.shallowTakesLowPass;
+            if (both && job.start)
+                fuseRowTwice<true>(rows + r * w, job.weight + offset, job.full + offset, job.shallow + offset, w);
+            else if (both)
+                fuseRowTwice<false>(rows + r * w, job.weight + offset, job.full + offset, job.shallow + offset, w);
+            else if (job.start)
+                fuseRow<true>(rows + r * w, job.weight + offset, job.full + offset, w);
             else
-                fuseRow(rows + r * w, job.weight + offset, job.full + offset, w);
+                fuseRow<false>(rows + r * w, job.weight + offset, job.full + offset, w);
         }
     }
+}
+
+void fuseQuadRowsBaseline(const LevelJob& job, int quadStart, int quadEnd) { fuseQuadRowsBody(job, quadStart, quadEnd); }
+
+KEP_TARGET_AVX2 void fuseQuadRowsAvx2(const LevelJob& job, int quadStart, int quadEnd) {
+    fuseQuadRowsBody(job, quadStart, quadEnd);
 }
 
 // Fast path of exposureFusion: the frame's Gaussian pyramids are built first (the
@@ -130,7 +157,7 @@ bool fusedPyramidsApply(std::vector<int*>* levelSizes, int height, int width, in
 void exposureFusionFast(std::vector<unsigned short*>* weights, std::vector<short*>* frames,
                         std::vector<short*>* fullPyramid, std::vector<short*>* shallowPyramid,
                         std::vector<int*>* levelSizes, int frameCount, int levelCount, int shallowLevels,
-                        float gain0, float gain1, int gainMaxLevel) {
+                        float gain0, float gain1, int gainMaxLevel, bool accumulatorsStartAtZero, KernelIsa isa) {
     std::vector<std::unique_ptr<unsigned short[]>> weightLevels(static_cast<size_t>(levelCount));
     std::vector<std::unique_ptr<short[]>> frameLevels(static_cast<size_t>(levelCount));
     for (int i = 1; i < levelCount; ++i) {
@@ -149,8 +176,10 @@ void exposureFusionFast(std::vector<unsigned short*>* weights, std::vector<short
         for (int i = 0; i + 1 < levelCount; ++i) {
             const int* size = (*levelSizes)[i];
             const int* next = (*levelSizes)[i + 1];
-            imageDownSample_ushort(weightPyramid[i], weightPyramid[i + 1], size[0], size[1], next[0], next[1], i + 1);
-            imageDownSample_short(framePyramid[i], framePyramid[i + 1], size[0], size[1], next[0], next[1], i + 1);
+            pyramid_rows::downSampleKept<unsigned short>(weightPyramid[i], weightPyramid[i + 1], size[0], size[1],
+                                                         next[0], next[1], isa);
+            pyramid_rows::downSampleKept<short>(framePyramid[i], framePyramid[i + 1], size[0], size[1], next[0],
+                                                next[1], isa);
         }
         for (int i = 0; i < levelCount; ++i) {
             LevelJob job;
@@ -169,7 +198,14 @@ void exposureFusionFast(std::vector<unsigned short*>* weights, std::vector<short
             job.gain0 = gain0;
             job.gain1 = gain1;
             job.gainMaxLevel = gainMaxLevel;
-            runOnFourStripes(job.h / 2, [&](int quadStart, int quadEnd) { fuseQuadRows(job, quadStart, quadEnd); });
+            job.start = accumulatorsStartAtZero && k == 0;
+            job.isa = isa;
+            runOnFourStripes(job.h / 2, [&](int quadStart, int quadEnd) {
+                if (isa == KernelIsa::Avx2)
+                    fuseQuadRowsAvx2(job, quadStart, quadEnd);
+                else
+                    fuseQuadRowsBaseline(job, quadStart, quadEnd);
+            });
         }
     }
 }
@@ -193,15 +229,48 @@ void exposureFusion(std::vector<unsigned short*>* weights, std::vector<short*>* 
                     std::vector<int*>* levelSizes, int height, int width, float /*redGain*/, float /*blueGain*/,
                     int frameCount, int levelCount, int shallowLevelCount, float laplacianGain0,
                     float laplacianGain1, int laplacianGainMaxLevel, int /*whiteLevel*/) {
+    if (kUseFastPaths)
+        exposure_fusion_detail::exposureFusionInto(weights, frames, fullPyramid, shallowPyramid, levelSizes, height,
+                                                   width, frameCount, levelCount, shallowLevelCount, laplacianGain0,
+                                                   laplacianGain1, laplacianGainMaxLevel, false, bestKernelIsa());
+    else
+        exposure_fusion_detail::exposureFusionPlain(weights, frames, fullPyramid, shallowPyramid, levelSizes, height,
+                                                    width, frameCount, levelCount, shallowLevelCount, laplacianGain0,
+                                                    laplacianGain1, laplacianGainMaxLevel);
+}
+
+bool exposure_fusion_detail::exposureFusionSkipsZeroFill(std::vector<int*>* levelSizes, int height, int width,
+                                                int levelCount) {
+    return kUseFastPaths && fusedPyramidsApply(levelSizes, height, width, levelCount);
+}
+
+void exposure_fusion_detail::exposureFusionInto(std::vector<unsigned short*>* weights, std::vector<short*>* frames,
+                                       std::vector<short*>* fullPyramid, std::vector<short*>* shallowPyramid,
+                                       std::vector<int*>* levelSizes, int height, int width, int frameCount,
+                                       int levelCount, int shallowLevelCount, float laplacianGain0,
+                                       float laplacianGain1, int laplacianGainMaxLevel, bool accumulatorsStartAtZero,
+                                       KernelIsa isa) {
+    if (frameCount >= 1 && levelCount >= 1 && fusedPyramidsApply(levelSizes, height, width, levelCount)) {
+        const int shallowLevels = std::max(std::min(shallowLevelCount, levelCount), 0);
+        exposureFusionFast(weights, frames, fullPyramid, shallowPyramid, levelSizes, frameCount, levelCount,
+                           shallowLevels, laplacianGain0, laplacianGain1, laplacianGainMaxLevel,
+                           accumulatorsStartAtZero, isa);
+        return;
+    }
+    exposureFusionPlain(weights, frames, fullPyramid, shallowPyramid, levelSizes, height, width, frameCount,
+                        levelCount, shallowLevelCount, laplacianGain0, laplacianGain1, laplacianGainMaxLevel);
+}
+
+void exposure_fusion_detail::exposureFusionPlain(std::vector<unsigned short*>* weights, std::vector<short*>* frames,
+                                                 std::vector<short*>* fullPyramid,
+                                                 std::vector<short*>* shallowPyramid, std::vector<int*>* levelSizes,
+                                                 int height, int width, int frameCount, int levelCount,
+                                                 int shallowLevelCount, float laplacianGain0, float laplacianGain1,
+                                                 int laplacianGainMaxLevel) {
     if (frameCount < 1 || levelCount < 1) return;
     // The shallow pyramid cannot be deeper than the full one: at the full depth
     // its residual is the full pyramid's coarsest level and both pyramids agree.
     const int shallowLevels = std::max(std::min(shallowLevelCount, levelCount), 0);
-    if (kUseFastPaths && fusedPyramidsApply(levelSizes, height, width, levelCount)) {
-        exposureFusionFast(weights, frames, fullPyramid, shallowPyramid, levelSizes, frameCount, levelCount,
-                           shallowLevels, laplacianGain0, laplacianGain1, laplacianGainMaxLevel);
-        return;
-    }
 
     for (int k = 0; k < frameCount; ++k) {
         // Per-frame pyramids: level 0 is the frame's own weight map and frame

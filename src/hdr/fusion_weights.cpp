@@ -11,6 +11,7 @@
 #include "hdr/bayer_filter.h"
 #include "imgcore/fast_paths.h"
 #include "imgcore/row_stripes.h"
+#include "imgcore/simd_dispatch.h"
 #include "imgcore/saturate.h"
 
 namespace fusion_detail {
@@ -188,7 +189,7 @@ inline int foldWeightBorder(int s, int n) { return s < 0 ? s + 2 : (s >= n ? s -
 // One output row of the 5x5 binomial from its five input rows (already folded);
 // `column` holds width + 4 ints. Exact integer sums below 2^24, see
 // filterWeightRowsBinomial.
-void smoothRow(const unsigned short* const rows[5], unsigned short* out, int width, int* column) {
+KEP_KERNEL_BODY void smoothRowBody(const unsigned short* const rows[5], unsigned short* out, int width, int* column) {
     int* v = column + 2;
     const unsigned short *r0 = rows[0], *r1 = rows[1], *r2 = rows[2], *r3 = rows[3], *r4 = rows[4];
     for (int x = 0; x < width; ++x) v[x] = r0[x] + 4 * r1[x] + 6 * r2[x] + 4 * r3[x] + r4[x];
@@ -228,36 +229,130 @@ struct WeightJob {
     const float* curveAtCenter;
     const float* curveAboveCenter;
     const unsigned short* highlight;  // smoothed
+    KernelIsa isa;
 };
+
+// Scratch rows of one worker for normalizedRow.
+struct RowScratch {
+    std::vector<float> last, keepShare, moveShare, a, b;
+    std::vector<int> dark, sum;
+    std::vector<unsigned short> raw;
+    RowScratch(int width, int frameCount)
+        : last(width), keepShare(width), moveShare(width), a(width), b(width), dark(width), sum(width),
+          raw(static_cast<size_t>(frameCount) * width) {}
+};
+
+// Unnormalised weights of one frame on one row: the arithmetic of
+// wellExposednessChunked, with the per-pixel values every frame shares (the last
+// frame's intensity, the highlight shares, the dark test) taken from `scratch`.
+template <bool IsLast>
+KEP_KERNEL_BODY void frameWeightRow(const unsigned short* intensity, unsigned short* out, int width, int whiteLevel,
+                    const float* curveAtCenter, const float* curveAboveCenter, RowScratch& scratch) {
+    const float W = static_cast<float>(whiteLevel);
+    const int darkWeight = IsLast ? whiteLevel : 0;
+    float* a = scratch.a.data();
+    float* b = scratch.b.data();
+    for (int x = 0; x < width; ++x) {
+        const int i = std::min(static_cast<int>(intensity[x]), whiteLevel);
+        a[x] = curveAtCenter[i];
+        b[x] = curveAboveCenter[i];
+    }
+    const float* L = scratch.last.data();
+    const float* keep = scratch.keepShare.data();
+    const float* move = scratch.moveShare.data();
+    const int* dark = scratch.dark.data();
+    for (int x = 0; x < width; ++x) {
+        float A, B;
+        if (IsLast) {
+            A = ((a[x] - 1.0f) * 2.5f * L[x]) / W + 2.5f + a[x] * (-1.5f);
+            B = ((b[x] - 1.0f) * 2.5f * L[x]) / W + 2.5f + b[x] * (-1.5f);
+        } else {
+            A = (a[x] * 2.5f * L[x]) / W + a[x] * (-1.5f);
+            B = (b[x] * 2.5f * L[x]) / W + b[x] * (-1.5f);
+        }
+        const float v = A * keep[x] * W + B * move[x] * W;
+        const int w = static_cast<int>(static_cast<uint32_t>(roundHalfAwayInRange(v)) >> 8);
+        out[x] = static_cast<unsigned short>((w & ~dark[x]) | (darkWeight & dark[x]));
+    }
+}
+
+// Normalisation of one run from `weight` into `out` (see normalizeRun).
+KEP_KERNEL_BODY void normalizeRunInto(const unsigned short* weight, const int* sum, unsigned short* out, int count,
+                      unsigned short evenShare) {
+    for (int p = 0; p < count; ++p) {
+        const int s = sum[p];
+        const int zeroMask = -static_cast<int>(s == 0);
+        const int divisor = s | (zeroMask & 1);
+        const float share = (static_cast<float>(weight[p]) / static_cast<float>(divisor)) * 1023.0f;
+        const int rounded = roundHalfAwayInRange(share);
+        out[p] = static_cast<unsigned short>((rounded & ~zeroMask) | (evenShare & zeroMask));
+    }
+}
 
 // Normalised (unsmoothed) weights of every frame on image row y, into out[k].
 // Reads only row y of the intensities, the last frame's intensities and the
-// highlight map. `raw` holds frameCount * width values, `sum` width ints.
-void normalizedRow(const WeightJob& job, int y, unsigned short* const* out, unsigned short* raw, int* sum) {
+// highlight map.
+KEP_KERNEL_BODY void normalizedRowBody(const WeightJob& job, int y, unsigned short* const* out,
+                                       RowScratch& scratch) {
     const int width = job.width;
     const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * width;
     const unsigned short* last = (*job.intensities)[job.frameCount - 1] + offset;
     const unsigned short* highlight = job.highlight + offset;
-    for (int k = 0; k < job.frameCount; ++k) {
-        unsigned short* w = raw + static_cast<ptrdiff_t>(k) * width;
-        const unsigned short* own = (*job.intensities)[k] + offset;
-        if (k == job.frameCount - 1)
-            wellExposednessChunked<true>(own, w, 0, width, job.whiteLevel, last, job.curveAtCenter,
-                                         job.curveAboveCenter, highlight);
-        else
-            wellExposednessChunked<false>(own, w, 0, width, job.whiteLevel, last, job.curveAtCenter,
-                                          job.curveAboveCenter, highlight);
+    // 0.6f * W > L for an integer L exactly when L < ceil(0.6f * W).
+    const int darkBelow = static_cast<int>(std::ceil(0.6f * static_cast<float>(job.whiteLevel)));
+    for (int x = 0; x < width; ++x) {
+        const int m = highlight[x] & 0xFF;
+        scratch.last[x] = static_cast<float>(last[x]);
+        scratch.keepShare[x] = static_cast<float>(255 - m);
+        scratch.moveShare[x] = static_cast<float>(m);
+        scratch.dark[x] = -static_cast<int>(last[x] < darkBelow);
     }
+    int* sum = scratch.sum.data();
     for (int x = 0; x < width; ++x) sum[x] = 0;
     for (int k = 0; k < job.frameCount; ++k) {
-        const unsigned short* w = raw + static_cast<ptrdiff_t>(k) * width;
+        unsigned short* w = scratch.raw.data() + static_cast<ptrdiff_t>(k) * width;
+        const unsigned short* own = (*job.intensities)[k] + offset;
+        if (k == job.frameCount - 1)
+            frameWeightRow<true>(own, w, width, job.whiteLevel, job.curveAtCenter, job.curveAboveCenter, scratch);
+        else
+            frameWeightRow<false>(own, w, width, job.whiteLevel, job.curveAtCenter, job.curveAboveCenter, scratch);
         for (int x = 0; x < width; ++x) sum[x] += w[x];
     }
     const unsigned short evenShare = evenShareFor(job.frameCount);
-    for (int k = 0; k < job.frameCount; ++k) {
-        std::copy(raw + static_cast<ptrdiff_t>(k) * width, raw + static_cast<ptrdiff_t>(k + 1) * width, out[k]);
-        normalizeRun(out[k], sum, width, evenShare);
-    }
+    for (int k = 0; k < job.frameCount; ++k)
+        normalizeRunInto(scratch.raw.data() + static_cast<ptrdiff_t>(k) * width, sum, out[k], width, evenShare);
+}
+
+void normalizedRowBaseline(const WeightJob& job, int y, unsigned short* const* out, RowScratch& scratch) {
+    normalizedRowBody(job, y, out, scratch);
+}
+
+KEP_TARGET_AVX2 void normalizedRowAvx2(const WeightJob& job, int y, unsigned short* const* out,
+                                       RowScratch& scratch) {
+    normalizedRowBody(job, y, out, scratch);
+}
+
+void normalizedRow(const WeightJob& job, int y, unsigned short* const* out, RowScratch& scratch) {
+    if (job.isa == KernelIsa::Avx2)
+        normalizedRowAvx2(job, y, out, scratch);
+    else
+        normalizedRowBaseline(job, y, out, scratch);
+}
+
+void smoothRowBaseline(const unsigned short* const rows[5], unsigned short* out, int width, int* column) {
+    smoothRowBody(rows, out, width, column);
+}
+
+KEP_TARGET_AVX2 void smoothRowAvx2(const unsigned short* const rows[5], unsigned short* out, int width,
+                                   int* column) {
+    smoothRowBody(rows, out, width, column);
+}
+
+void smoothRow(const unsigned short* const rows[5], unsigned short* out, int width, int* column, KernelIsa isa) {
+    if (isa == KernelIsa::Avx2)
+        smoothRowAvx2(rows, out, width, column);
+    else
+        smoothRowBaseline(rows, out, width, column);
 }
 
 // Output rows [rowStart, rowEnd) of the smoothed normalised weights, written in
@@ -270,15 +365,14 @@ void smoothedWeightRows(const WeightJob& job, int rowStart, int rowEnd, const st
     if (rowEnd <= rowStart) return;
     const int width = job.width, n = job.frameCount;
     RowRing ring(width, n);
-    std::vector<unsigned short> raw(static_cast<size_t>(n) * width);
-    std::vector<int> sum(static_cast<size_t>(width));
+    RowScratch scratch(width, n);
     std::vector<int> column(static_cast<size_t>(width) + 4);
     std::vector<unsigned short*> planes(static_cast<size_t>(n));
     auto fetch = [&](int row) {
         if (ring.holds(row)) return;
         for (int k = 0; k < n; ++k) planes[k] = ring.slot(row, k);
         if (row >= rowStart && row < rowEnd) {
-            normalizedRow(job, row, planes.data(), raw.data(), sum.data());
+            normalizedRow(job, row, planes.data(), scratch);
         } else {
             const size_t h = static_cast<size_t>(std::find(haloRows.begin(), haloRows.end(), row) - haloRows.begin());
             for (int k = 0; k < n; ++k) {
@@ -297,7 +391,7 @@ void smoothedWeightRows(const WeightJob& job, int rowStart, int rowEnd, const st
         for (int k = 0; k < n; ++k) {
             const unsigned short* in[5];
             for (int i = 0; i < 5; ++i) in[i] = ring.slot(rows[i], k);
-            smoothRow(in, (*job.weights)[k] + static_cast<ptrdiff_t>(r) * width, width, column.data());
+            smoothRow(in, (*job.weights)[k] + static_cast<ptrdiff_t>(r) * width, width, column.data(), job.isa);
         }
     }
 }
@@ -315,7 +409,7 @@ std::vector<int> haloRowsOf(int rowStart, int rowEnd, int height) {
 }
 
 void smoothedHighlightRows(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
-                           int height, int whiteLevel, int rowStart, int rowEnd) {
+                           int height, int whiteLevel, int rowStart, int rowEnd, KernelIsa isa) {
     if (rowEnd <= rowStart) return;
     RowRing ring(width, 1);
     std::vector<int> column(static_cast<size_t>(width) + 4);
@@ -332,7 +426,7 @@ void smoothedHighlightRows(const unsigned short* last, const unsigned short* pre
             }
             in[i] = slot;
         }
-        smoothRow(in, out + static_cast<ptrdiff_t>(r) * width, width, column.data());
+        smoothRow(in, out + static_cast<ptrdiff_t>(r) * width, width, column.data(), isa);
     }
 }
 
@@ -353,30 +447,29 @@ bool weightListsAllowStreaming(const std::vector<unsigned short*>* intensities,
 
 void calculateWeightFused(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights, int width,
                           int height, int frameCount, int whiteLevel, const float* curveAtCenter,
-                          const float* curveAboveCenter) {
+                          const float* curveAboveCenter, KernelIsa isa) {
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     const unsigned short* last = (*intensities)[frameCount - 1];
     const unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;
     std::unique_ptr<unsigned short[]> highlight(new unsigned short[pixels]);
     runOnFourStripes(height, [&](int rowStart, int rowEnd) {
-        smoothedHighlightRows(last, previous, highlight.get(), width, height, whiteLevel, rowStart, rowEnd);
+        smoothedHighlightRows(last, previous, highlight.get(), width, height, whiteLevel, rowStart, rowEnd, isa);
     });
 
-    WeightJob job{intensities, weights, width, height, frameCount, whiteLevel, curveAtCenter, curveAboveCenter,
-                  highlight.get()};
+    WeightJob job{intensities, weights, width,           height,          frameCount,
+                  whiteLevel,  curveAtCenter, curveAboveCenter, highlight.get(), isa};
     std::vector<int> haloRows[4];
     std::vector<unsigned short> halo[4];
     runFourWorkers([&](int k) {
         const int rowStart = stripeStart(height, k), rowEnd = stripeEnd(height, k);
         haloRows[k] = haloRowsOf(rowStart, rowEnd, height);
         halo[k].resize(haloRows[k].size() * static_cast<size_t>(frameCount) * width);
-        std::vector<unsigned short> raw(static_cast<size_t>(frameCount) * width);
-        std::vector<int> sum(static_cast<size_t>(width));
+        RowScratch scratch(width, frameCount);
         std::vector<unsigned short*> planes(static_cast<size_t>(frameCount));
         for (size_t h = 0; h < haloRows[k].size(); ++h) {
             for (int f = 0; f < frameCount; ++f)
                 planes[f] = halo[k].data() + (h * frameCount + f) * static_cast<size_t>(width);
-            normalizedRow(job, haloRows[k][h], planes.data(), raw.data(), sum.data());
+            normalizedRow(job, haloRows[k][h], planes.data(), scratch);
         }
     });
     runFourWorkers([&](int k) {
@@ -471,6 +564,24 @@ void filterWeightRowsPlain(const unsigned short* extended, const int (*kernel)[5
 }
 
 }  // namespace fusion_detail
+
+bool fusion_detail::calculateWeightStreamed(std::vector<unsigned short*>* intensities,
+                                            std::vector<unsigned short*>* weights, int width, int height,
+                                            int frameCount, int exposureCenter, int whiteLevel,
+                                            float exposureWeightScale, KernelIsa isa) {
+    if (frameCount < 1 || width < 2 || height < 2 || whiteLevel <= 0 ||
+        !weightListsAllowStreaming(intensities, weights, frameCount))
+        return false;
+    const size_t tableSize = static_cast<size_t>(whiteLevel) + 1;
+    std::vector<float> curveAtCenter(tableSize), curveAboveCenter(tableSize);
+    createLUT(curveAtCenter.data(), whiteLevel, exposureWeightScale, exposureCenter);
+    createLUT(curveAboveCenter.data(), whiteLevel, exposureWeightScale,
+              truncToInt(static_cast<double>(exposureCenter) * 1.1));
+    if (!curvesKeepWeightsInRange(curveAtCenter.data(), curveAboveCenter.data(), whiteLevel)) return false;
+    calculateWeightFused(intensities, weights, width, height, frameCount, whiteLevel, curveAtCenter.data(),
+                         curveAboveCenter.data(), isa);
+    return true;
+}
 
 void createLUT(float* table, int maxValue, float scale, int center) {
     // Squares formed in 32-bit integers; unsigned arithmetic gives the same bits
@@ -573,19 +684,10 @@ void calculateWeight(std::vector<unsigned short*>* intensities, std::vector<shor
                      int exposureCenter, int whiteLevel, std::vector<int*>* /*levelSizes*/, int /*levelCount*/,
                      float exposureWeightScale) {
     if (frameCount < 1 || width <= 0 || height <= 0) return;
-    if (kUseFastPaths && width >= 2 && height >= 2 && whiteLevel > 0 &&
-        weightListsAllowStreaming(intensities, weights, frameCount)) {
-        const size_t tableSize = static_cast<size_t>(whiteLevel) + 1;
-        std::vector<float> curveAtCenter(tableSize), curveAboveCenter(tableSize);
-        createLUT(curveAtCenter.data(), whiteLevel, exposureWeightScale, exposureCenter);
-        createLUT(curveAboveCenter.data(), whiteLevel, exposureWeightScale,
-                  truncToInt(static_cast<double>(exposureCenter) * 1.1));
-        if (curvesKeepWeightsInRange(curveAtCenter.data(), curveAboveCenter.data(), whiteLevel)) {
-            calculateWeightFused(intensities, weights, width, height, frameCount, whiteLevel, curveAtCenter.data(),
-                                 curveAboveCenter.data());
-            return;
-        }
-    }
+    if (kUseFastPaths && fusion_detail::calculateWeightStreamed(intensities, weights, width, height, frameCount,
+                                                                exposureCenter, whiteLevel, exposureWeightScale,
+                                                                bestKernelIsa()))
+        return;
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     unsigned short* last = (*intensities)[frameCount - 1];
     unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;

@@ -108,17 +108,20 @@ void prepareFramesPlain(const std::vector<short*>& frames, int width, int height
     }
 }
 
-void prepareFramesFused(const std::vector<short*>& frames, int width, int height, float exposureRatio,
-                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
-                        short* gammaTable) {
+void prepareFramesFused(const std::vector<short*>& frames, const std::vector<const short*>& sources, int width,
+                        int height, float exposureRatio, const int* blackLevels, float redGain, float blueGain,
+                        int whiteLevel, int bayerPattern, short* gammaTable) {
     const int n = static_cast<int>(frames.size());
     for (int k = 0; k < n; ++k) {
         short* frame = frames[k];
+        const short* source = sources[k];
         const float gain = bracketGain(exposureRatio, k, n);
         createGammaTbl(gammaTable, whiteLevel, gammaExponent(k));
         runOnFourStripes(height / 2, [&](int quadStart, int quadEnd) {
             for (int q = quadStart; q < quadEnd; ++q) {
                 short* rows = frame + static_cast<ptrdiff_t>(2 * q) * width;
+                if (source != frame)
+                    std::memcpy(rows, source + static_cast<ptrdiff_t>(2 * q) * width, sizeof(short) * 2 * width);
                 removeBlackLevelAndGain(rows, width, 2, gain, blackLevels, whiteLevel);
                 whiteBalance(frame, frame, 2 * q, 2 * q + 2, redGain, blueGain, width, whiteLevel, bayerPattern);
                 mapThroughTable(rows, static_cast<size_t>(2) * width, gammaTable, whiteLevel);
@@ -300,8 +303,9 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
 
     // The bracket: the brightest member is frameA gained by the full ratio, a
     // private copy of frameA takes the quarter ratio.
+    // The fast path copies frameA into it band by band while preparing it.
     std::unique_ptr<short[]> copyOfA(new short[pixels]);
-    std::memcpy(copyOfA.get(), frameA, pixels * sizeof(short));
+    if (!kUseFastPaths) std::memcpy(copyOfA.get(), frameA, pixels * sizeof(short));
     std::vector<short*> frames = {frameC, frameB, copyOfA.get(), frameA};
     const int n = static_cast<int>(frames.size());
 
@@ -309,8 +313,9 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     // The fast path runs all three a band of quad rows at a time on four workers.
     std::vector<short> gammaTable(static_cast<size_t>(whiteLevel) + 1);
     if (kUseFastPaths)
-        hdr_detail::prepareFramesFused(frames, width, height, exposureRatio, blackLevels, redGain, blueGain,
-                                       whiteLevel, tuning.bayerPattern, gammaTable.data());
+        hdr_detail::prepareFramesFused(frames, {frameC, frameB, frameA, frameA}, width, height, exposureRatio,
+                                       blackLevels, redGain, blueGain, whiteLevel, tuning.bayerPattern,
+                                       gammaTable.data());
     else
         hdr_detail::prepareFramesPlain(frames, width, height, exposureRatio, blackLevels, redGain, blueGain,
                                        whiteLevel, tuning.bayerPattern, gammaTable.data());
@@ -339,11 +344,16 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     calculateWeight(&weights, &frames, &weights, width, height, n, tuning.exposureCenter, whiteLevel, &levelSizes,
                     levelCount, tuning.exposureWeightScale);
 
+    // The fused pyramids start at zero; the fast fusion stores the first frame's
+    // contributions instead of adding them to zeros, so it needs no clearing pass.
+    const bool skipZeroFill =
+        exposure_fusion_detail::exposureFusionSkipsZeroFill(&levelSizes, height, width, levelCount);
     auto allocateLevels = [&](int count, std::vector<std::unique_ptr<short[]>>& owned, std::vector<short*>& levels) {
         owned.resize(static_cast<size_t>(count));
         levels.resize(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) {
-            owned[i].reset(new short[static_cast<size_t>(sizeStorage[i][0]) * static_cast<size_t>(sizeStorage[i][1])]());
+            const size_t area = static_cast<size_t>(sizeStorage[i][0]) * static_cast<size_t>(sizeStorage[i][1]);
+            owned[i].reset(skipZeroFill ? new short[area] : new short[area]());
             levels[i] = owned[i].get();
         }
     };
@@ -352,9 +362,15 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     allocateLevels(levelCount, fullLevels, fullPyramid);
     allocateLevels(shallowLevelCount, shallowLevels, shallowPyramid);
 
-    exposureFusion(&weights, &frames, &fullPyramid, &shallowPyramid, &levelSizes, height, width, redGain, blueGain,
-                   n, levelCount, shallowLevelCount, tuning.laplacianGain0, tuning.laplacianGain1,
-                   tuning.laplacianGainMaxLevel, whiteLevel);
+    if (kUseFastPaths)
+        exposure_fusion_detail::exposureFusionInto(&weights, &frames, &fullPyramid, &shallowPyramid, &levelSizes,
+                                                   height, width, n, levelCount, shallowLevelCount,
+                                                   tuning.laplacianGain0, tuning.laplacianGain1,
+                                                   tuning.laplacianGainMaxLevel, skipZeroFill, bestKernelIsa());
+    else
+        exposureFusion(&weights, &frames, &fullPyramid, &shallowPyramid, &levelSizes, height, width, redGain,
+                       blueGain, n, levelCount, shallowLevelCount, tuning.laplacianGain0, tuning.laplacianGain1,
+                       tuning.laplacianGainMaxLevel, whiteLevel);
     weightBuffers.clear();
     weights.clear();
 

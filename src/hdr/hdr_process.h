@@ -92,14 +92,16 @@ void restoreBlackLevel(short* image, int width, int height, const int* blackLeve
 
 // Stages 4 to 6 on every frame of the bracket (gamma table of whiteLevel + 1
 // entries as scratch). Plain: stage by stage over whole frames; fused: all three
-// on each band of quad rows, four workers per frame. Identical results: every
-// stage is per sample (white balance per quad).
+// on each band of quad rows, four workers per frame, frame k first copied from
+// sources[k] where that is another buffer (sources are read band by band just
+// before the band is written, so a source may be a later frame of the list).
+// Identical results: every stage is per sample (white balance per quad).
 void prepareFramesPlain(const std::vector<short*>& frames, int width, int height, float exposureRatio,
                         const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
                         short* gammaTable);
-void prepareFramesFused(const std::vector<short*>& frames, int width, int height, float exposureRatio,
-                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
-                        short* gammaTable);
+void prepareFramesFused(const std::vector<short*>& frames, const std::vector<const short*>& sources, int width,
+                        int height, float exposureRatio, const int* blackLevels, float redGain, float blueGain,
+                        int whiteLevel, int bayerPattern, short* gammaTable);
 
 // Stages 13 (range compression of both collapsed images) to 19 (output). Plain:
 // stage by stage over whole images, the result in `full`, then copied to

@@ -8,6 +8,7 @@
 #include "hdr/bayer_filter.h"
 #include "hdr/extended_stripes.h"
 #include "imgcore/fast_paths.h"
+#include "imgcore/simd_dispatch.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ Site siteAt(int bayerPattern, int rowParity, int colParity) {
 // truncating division, 0.8 * luma (double precision) + 0.2 * max(R, G, B) in single
 // precision, clamped to [0, 1023] and truncated.
 template <Site S>
-inline unsigned short intensityAt(const short* up, const short* mid, const short* down, int c) {
+KEP_KERNEL_BODY unsigned short intensityAt(const short* up, const short* mid, const short* down, int c) {
     int R, G, B;
     if (S == Site::Red || S == Site::Blue) {
         const int own = mid[c];
@@ -74,7 +75,7 @@ unsigned short intensityOfSite(Site site, const short* up, const short* mid, con
 // vectorises (stride-two loads, two stores per pair). Each pixel gets exactly the
 // arithmetic of intensityAt.
 template <Site Even, Site Odd>
-void intensityPairs(const short* up, const short* mid, const short* down, unsigned short* out, int first, int pairs) {
+KEP_KERNEL_BODY void intensityPairs(const short* up, const short* mid, const short* down, unsigned short* out, int first, int pairs) {
     for (int j = 0; j < pairs; ++j) {
         const int c = first + 2 * j;
         out[c] = intensityAt<Even>(up, mid, down, c);
@@ -85,8 +86,8 @@ void intensityPairs(const short* up, const short* mid, const short* down, unsign
 // Intensities of n pixels of one row, starting at the column the pointers point at
 // (out[c] belongs to mid[c]); `parity` is that column's parity in source
 // coordinates. Along a row the sites alternate, so the first site fixes the pair.
-void intensityRow(const short* up, const short* mid, const short* down, unsigned short* out, int n,
-                  int bayerPattern, int rowParity, int parity) {
+KEP_KERNEL_BODY void intensityRowBody(const short* up, const short* mid, const short* down, unsigned short* out,
+                                      int n, int bayerPattern, int rowParity, int parity) {
     const Site first = siteAt(bayerPattern, rowParity, parity);
     const int pairs = n / 2;
     if (first == Site::Red)
@@ -98,6 +99,32 @@ void intensityRow(const short* up, const short* mid, const short* down, unsigned
     else
         intensityPairs<Site::GreenInBlueRow, Site::Blue>(up, mid, down, out, 0, pairs);
     if (n % 2 != 0) out[n - 1] = intensityOfSite(first, up, mid, down, n - 1);
+}
+
+}  // namespace
+
+namespace intensity_detail {
+
+void intensityRowBaseline(const short* up, const short* mid, const short* down, unsigned short* out, int n,
+                          int bayerPattern, int rowParity, int parity) {
+    intensityRowBody(up, mid, down, out, n, bayerPattern, rowParity, parity);
+}
+
+KEP_TARGET_AVX2 void intensityRowAvx2(const short* up, const short* mid, const short* down, unsigned short* out,
+                                      int n, int bayerPattern, int rowParity, int parity) {
+    intensityRowBody(up, mid, down, out, n, bayerPattern, rowParity, parity);
+}
+
+}  // namespace intensity_detail
+
+namespace {
+
+void intensityRow(const short* up, const short* mid, const short* down, unsigned short* out, int n, int bayerPattern,
+                  int rowParity, int parity, KernelIsa isa) {
+    if (isa == KernelIsa::Avx2)
+        intensity_detail::intensityRowAvx2(up, mid, down, out, n, bayerPattern, rowParity, parity);
+    else
+        intensity_detail::intensityRowBaseline(up, mid, down, out, n, bayerPattern, rowParity, parity);
 }
 
 // Fast path of singleImageIntensityEstimation without the extended copy: each
@@ -136,7 +163,7 @@ private:
 };
 
 void intensityRowsStreamed(const short* frame, unsigned short* intensity, int width, int height, int bayerPattern,
-                           int rowStart, int rowEnd) {
+                           int rowStart, int rowEnd, KernelIsa isa) {
     if (rowEnd <= rowStart) return;
     PaddedRows rows(frame, width, height);
     for (int y = rowStart; y < rowEnd; ++y) {
@@ -144,7 +171,8 @@ void intensityRowsStreamed(const short* frame, unsigned short* intensity, int wi
         const short* up = rows.row(y - 1);
         const short* mid = rows.row(y);
         const short* down = rows.row(y + 1);
-        intensityRow(up, mid, down, intensity + static_cast<std::ptrdiff_t>(y) * width, width, bayerPattern, y & 1, 0);
+        intensityRow(up, mid, down, intensity + static_cast<std::ptrdiff_t>(y) * width, width, bayerPattern, y & 1, 0,
+                     isa);
     }
 }
 
@@ -169,18 +197,34 @@ short* calculateLumaPlain(short* extended, unsigned short* intensity, int rowSta
 
 }  // namespace intensity_detail
 
-short* calculateLuma(short* extended, unsigned short* intensity, int rowStart, int rowEnd, int colStart, int colEnd,
-                     int border, int extendedStride, int outWidth, int bayerPattern) {
-    if (!kUseFastPaths)
-        return intensity_detail::calculateLumaPlain(extended, intensity, rowStart, rowEnd, colStart, colEnd, border,
-                                                    extendedStride, outWidth, bayerPattern);
-    if (bayerPattern < 0 || bayerPattern > 3 || colEnd <= colStart) return extended;
+void intensity_detail::calculateLumaRows(short* extended, unsigned short* intensity, int rowStart, int rowEnd,
+                                         int colStart, int colEnd, int border, int extendedStride, int outWidth,
+                                         int bayerPattern, KernelIsa isa) {
+    if (bayerPattern < 0 || bayerPattern > 3 || colEnd <= colStart) return;
     for (int r = rowStart; r < rowEnd; ++r) {
         const short* mid = extended + static_cast<std::ptrdiff_t>(r) * extendedStride + colStart;
         intensityRow(mid - extendedStride, mid, mid + extendedStride,
                      intensity + static_cast<std::ptrdiff_t>(r - border) * outWidth + (colStart - border),
-                     colEnd - colStart, bayerPattern, (r - border) & 1, (colStart - border) & 1);
+                     colEnd - colStart, bayerPattern, (r - border) & 1, (colStart - border) & 1, isa);
     }
+}
+
+void intensity_detail::estimateIntensityStreamed(short* frame, unsigned short* intensity, int height, int width,
+                                                 int bayerPattern, KernelIsa isa) {
+    runOnExtendedStripes(height, kLumaBorder, [&](int rowStart, int rowEnd) {
+        intensityRowsStreamed(frame, intensity, width, height, bayerPattern, rowStart - kLumaBorder,
+                              rowEnd - kLumaBorder, isa);
+    });
+}
+
+short* calculateLuma(short* extended, unsigned short* intensity, int rowStart, int rowEnd, int colStart, int colEnd,
+                     int border, int extendedStride, int outWidth, int bayerPattern) {
+    if (kUseFastPaths)
+        intensity_detail::calculateLumaRows(extended, intensity, rowStart, rowEnd, colStart, colEnd, border,
+                                            extendedStride, outWidth, bayerPattern, bestKernelIsa());
+    else
+        intensity_detail::calculateLumaPlain(extended, intensity, rowStart, rowEnd, colStart, colEnd, border,
+                                             extendedStride, outWidth, bayerPattern);
     return extended;
 }
 
@@ -188,10 +232,7 @@ void singleImageIntensityEstimation(short* frame, unsigned short* intensity, int
                                     float /*reservedA*/, float /*reservedB*/, int bayerPattern) {
     if (width <= 0 || height <= 0) return;
     if (kUseFastPaths && width >= 2 && height >= 2 && bayerPattern >= 0 && bayerPattern <= 3) {
-        runOnExtendedStripes(height, kLumaBorder, [&](int rowStart, int rowEnd) {
-            intensityRowsStreamed(frame, intensity, width, height, bayerPattern, rowStart - kLumaBorder,
-                                  rowEnd - kLumaBorder);
-        });
+        intensity_detail::estimateIntensityStreamed(frame, intensity, height, width, bayerPattern, bestKernelIsa());
         return;
     }
     const int stride = width + 2 * kLumaBorder;

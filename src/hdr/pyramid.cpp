@@ -94,7 +94,8 @@ bool keptQuadDownSampleApplies(int height, int width, int outHeight, int outWidt
 // exact and equals this integer sum; the float quotient by 256 is exact too, and
 // its truncation toward zero is the integer division.
 template <typename T>
-void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd) {
+KEP_KERNEL_BODY void downSampleKeptRowsBody(const T* src, T* dst, int height, int width, int outWidth, int rowStart,
+                                            int rowEnd) {
     if (rowEnd <= rowStart) return;
     std::vector<int> column(static_cast<std::size_t>(width) + 8);
     int* v = column.data() + 4;  // v[-4 .. width + 4)
@@ -128,16 +129,37 @@ void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidt
 }
 
 template <typename T>
-void downSampleKept(const T* src, T* dst, int height, int width, int outHeight, int outWidth) {
+void downSampleKeptRowsBaseline(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd) {
+    downSampleKeptRowsBody<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+}
+
+template <typename T>
+KEP_TARGET_AVX2 void downSampleKeptRowsAvx2(const T* src, T* dst, int height, int width, int outWidth, int rowStart,
+                                            int rowEnd) {
+    downSampleKeptRowsBody<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+}
+
+template <typename T>
+void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd,
+                        KernelIsa isa) {
+    if (isa == KernelIsa::Avx2)
+        downSampleKeptRowsAvx2<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+    else
+        downSampleKeptRowsBaseline<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+}
+
+template <typename T>
+void downSampleKept(const T* src, T* dst, int height, int width, int outHeight, int outWidth, KernelIsa isa) {
     runOnFourStripes(outHeight, [&](int rowStart, int rowEnd) {
-        downSampleKeptRows<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+        downSampleKeptRows<T>(src, dst, height, width, outWidth, rowStart, rowEnd, isa);
     });
 }
 
-template void downSampleKeptRows<short>(const short*, short*, int, int, int, int, int);
-template void downSampleKeptRows<unsigned short>(const unsigned short*, unsigned short*, int, int, int, int, int);
-template void downSampleKept<short>(const short*, short*, int, int, int, int);
-template void downSampleKept<unsigned short>(const unsigned short*, unsigned short*, int, int, int, int);
+template void downSampleKeptRows<short>(const short*, short*, int, int, int, int, int, KernelIsa);
+template void downSampleKeptRows<unsigned short>(const unsigned short*, unsigned short*, int, int, int, int, int,
+                                                 KernelIsa);
+template void downSampleKept<short>(const short*, short*, int, int, int, int, KernelIsa);
+template void downSampleKept<unsigned short>(const unsigned short*, unsigned short*, int, int, int, int, KernelIsa);
 
 // ---- separable up-sampling ----
 //
@@ -172,8 +194,46 @@ bool separableUpSampleApplies(const short* src, const short* dst, int height, in
     return s1 <= d0 || d1 <= s0;
 }
 
+namespace {
+
+KEP_KERNEL_BODY void verticalRowBody(const int* a, const int* b, const int* c, short* out, int n, bool centre) {
+    if (centre)
+        for (int x = 0; x < n; ++x) out[x] = static_cast<short>((a[x] + 6 * b[x] + c[x]) / 256);
+    else
+        for (int x = 0; x < n; ++x) out[x] = static_cast<short>((4 * b[x] + 4 * c[x]) / 256);
+}
+
+void verticalRowBaseline(const int* a, const int* b, const int* c, short* out, int n, bool centre) {
+    verticalRowBody(a, b, c, out, n, centre);
+}
+
+KEP_TARGET_AVX2 void verticalRowAvx2(const int* a, const int* b, const int* c, short* out, int n, bool centre) {
+    verticalRowBody(a, b, c, out, n, centre);
+}
+
+// Horizontal pass over the quad columns of one source row, a[] and b[] holding the
+// even and odd sites times four with one clamped quad on each side.
+KEP_KERNEL_BODY void horizontalRowBody(const short* a, const short* b, int* out, int quadCols) {
+    for (int J = 0; J < quadCols; ++J) {
+        out[4 * J + 0] = a[J] + 6 * a[J + 1] + a[J + 2];
+        out[4 * J + 1] = b[J] + 6 * b[J + 1] + b[J + 2];
+        out[4 * J + 2] = 4 * a[J + 1] + 4 * a[J + 2];
+        out[4 * J + 3] = 4 * b[J + 1] + 4 * b[J + 2];
+    }
+}
+
+void horizontalRowBaseline(const short* a, const short* b, int* out, int quadCols) {
+    horizontalRowBody(a, b, out, quadCols);
+}
+
+KEP_TARGET_AVX2 void horizontalRowAvx2(const short* a, const short* b, int* out, int quadCols) {
+    horizontalRowBody(a, b, out, quadCols);
+}
+
+}  // namespace
+
 UpSampledRows::UpSampledRows(const short* src, int height, int width, std::ptrdiff_t srcStrideBytes, int extraRows,
-                             int extraCols)
+                             int extraCols, KernelIsa isa)
     : src_(src),
       height_(height),
       width_(width),
@@ -185,7 +245,8 @@ UpSampledRows::UpSampledRows(const short* src, int height, int width, std::ptrdi
       outCols_(2 * width + extraCols),
       evenSites_(quadCols_ + 2),
       oddSites_(quadCols_ + 2),
-      ring_(static_cast<std::size_t>(kSlots) * 2 * rowLen_) {
+      ring_(static_cast<std::size_t>(kSlots) * 2 * rowLen_),
+      isa_(isa) {
     for (int s = 0; s < kSlots; ++s) slotQuad_[s] = -1;
 }
 
@@ -199,15 +260,10 @@ void UpSampledRows::row(int y, short* out) {
     filteredQuadRow(quad - 1, prev);
     filteredQuadRow(quad, cur);
     filteredQuadRow(quad + 1, next);
-    const int* b = cur[site];
-    const int* c = next[site];
-    const int n = outCols_;
-    if (phase < 2) {
-        const int* a = prev[site];
-        for (int x = 0; x < n; ++x) out[x] = static_cast<short>((a[x] + 6 * b[x] + c[x]) / 256);
-    } else {
-        for (int x = 0; x < n; ++x) out[x] = static_cast<short>((4 * b[x] + 4 * c[x]) / 256);
-    }
+    if (isa_ == KernelIsa::Avx2)
+        verticalRowAvx2(prev[site], cur[site], next[site], out, outCols_, phase < 2);
+    else
+        verticalRowBaseline(prev[site], cur[site], next[site], out, outCols_, phase < 2);
 }
 
 int UpSampledRows::sourceRow(int quad, int site) const {
@@ -247,13 +303,10 @@ void UpSampledRows::horizontal(const short* in, int* out) {
     b[0] = b[1];
     a[quadCols_ + 1] = a[quadCols_];
     b[quadCols_ + 1] = b[quadCols_];
-    const int quadCols = quadCols_;  // a local bound: out cannot alias it
-    for (int J = 0; J < quadCols; ++J) {
-        out[4 * J + 0] = a[J] + 6 * a[J + 1] + a[J + 2];
-        out[4 * J + 1] = b[J] + 6 * b[J + 1] + b[J + 2];
-        out[4 * J + 2] = 4 * a[J + 1] + 4 * a[J + 2];
-        out[4 * J + 3] = 4 * b[J + 1] + 4 * b[J + 2];
-    }
+    if (isa_ == KernelIsa::Avx2)
+        horizontalRowAvx2(a, b, out, quadCols_);
+    else
+        horizontalRowBaseline(a, b, out, quadCols_);
 }
 
 }  // namespace pyramid_rows
@@ -264,9 +317,9 @@ namespace {
 // over quad rows [quadStart, quadEnd). Identical to the whole-level steps: the
 // difference is per sample and the gains per quad.
 void laplacianQuadRows(short* level, int h, int w, const short* next, int hn, int wn, int levelIndex, float gain0,
-                       float gain1, int gainMaxLevel, int quadStart, int quadEnd) {
+                       float gain1, int gainMaxLevel, int quadStart, int quadEnd, KernelIsa isa) {
     if (quadEnd <= quadStart) return;
-    pyramid_rows::UpSampledRows up(next, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn), h - 2 * hn, w - 2 * wn);
+    pyramid_rows::UpSampledRows up(next, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn), h - 2 * hn, w - 2 * wn, isa);
     std::vector<short> upRow(static_cast<std::size_t>(w));
     for (int q = quadStart; q < quadEnd; ++q) {
         for (int r = 2 * q; r < 2 * q + 2; ++r) {
@@ -291,7 +344,7 @@ void imageDownSamplePlain(unsigned short* src, unsigned short* dst, int height, 
 
 void imageDownSample_short(short* src, short* dst, int height, int width, int outHeight, int outWidth, int) {
     if (kUseFastPaths && pyramid_rows::keptQuadDownSampleApplies(height, width, outHeight, outWidth))
-        pyramid_rows::downSampleKept<short>(src, dst, height, width, outHeight, outWidth);
+        pyramid_rows::downSampleKept<short>(src, dst, height, width, outHeight, outWidth, bestKernelIsa());
     else
         imageDownSamplePlain(src, dst, height, width, outHeight, outWidth);
 }
@@ -299,7 +352,7 @@ void imageDownSample_short(short* src, short* dst, int height, int width, int ou
 void imageDownSample_ushort(unsigned short* src, unsigned short* dst, int height, int width, int outHeight,
                             int outWidth, int) {
     if (kUseFastPaths && pyramid_rows::keptQuadDownSampleApplies(height, width, outHeight, outWidth))
-        pyramid_rows::downSampleKept<unsigned short>(src, dst, height, width, outHeight, outWidth);
+        pyramid_rows::downSampleKept<unsigned short>(src, dst, height, width, outHeight, outWidth, bestKernelIsa());
     else
         imageDownSamplePlain(src, dst, height, width, outHeight, outWidth);
 }
@@ -353,7 +406,7 @@ void imageUpSample(short* src, short* dst, int height, int width, int srcStrideB
         dstStrideBytes != 0 ? dstStrideBytes : 2 * static_cast<std::ptrdiff_t>(2 * width + extraCols);
     if (kUseFastPaths &&
         pyramid_rows::separableUpSampleApplies(src, dst, height, width, srcStride, dstStride, extraRows, extraCols)) {
-        pyramid_rows::UpSampledRows up(src, height, width, srcStride, extraRows, extraCols);
+        pyramid_rows::UpSampledRows up(src, height, width, srcStride, extraRows, extraCols, bestKernelIsa());
         for (int y = 0; y < up.rows(); ++y) up.row(y, rowAt(dst, dstStride, y));
         return;
     }
@@ -436,8 +489,9 @@ bool fusedLaplacianLevelApplies(const short* level, int h, int w, const short* n
 
 void laplacianLevel(short* level, int h, int w, const short* next, int hn, int wn, int levelIndex, float gain0,
                     float gain1, int gainMaxLevel) {
+    const KernelIsa isa = bestKernelIsa();
     runOnFourStripes(h / 2, [&](int quadStart, int quadEnd) {
-        laplacianQuadRows(level, h, w, next, hn, wn, levelIndex, gain0, gain1, gainMaxLevel, quadStart, quadEnd);
+        laplacianQuadRows(level, h, w, next, hn, wn, levelIndex, gain0, gain1, gainMaxLevel, quadStart, quadEnd, isa);
     });
 }
 
@@ -514,9 +568,9 @@ void collapseStepPlain(short* level, int h, int w, short* next, int hn, int wn, 
 // Rows [rowStart, rowEnd) of one collapse step straight from the separable
 // up-sampler (no scratch image), the clamp of level 0 in the same pass.
 void collapseRows(short* level, int w, const short* next, int hn, int wn, int extraRows, int extraCols, bool clamp,
-                  int whiteLevel, int rowStart, int rowEnd) {
+                  int whiteLevel, int rowStart, int rowEnd, KernelIsa isa) {
     if (rowEnd <= rowStart) return;
-    pyramid_rows::UpSampledRows up(next, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn), extraRows, extraCols);
+    pyramid_rows::UpSampledRows up(next, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn), extraRows, extraCols, isa);
     std::vector<short> upRow(static_cast<std::size_t>(w));
     const long long upper = 2LL * whiteLevel;
     for (int r = rowStart; r < rowEnd; ++r) {
@@ -543,6 +597,7 @@ void reconstructLaplacianPyramid(std::vector<short*>* pyramid, std::vector<int*>
         reconstructLaplacianPyramidPlain(pyramid, levelSizes, levelCount, whiteLevel);
         return;
     }
+    const KernelIsa isa = bestKernelIsa();
     for (int i = levelCount - 2; i >= 0; --i) {
         const int h = (*levelSizes)[i][0];
         const int w = (*levelSizes)[i][1];
@@ -553,7 +608,8 @@ void reconstructLaplacianPyramid(std::vector<short*>* pyramid, std::vector<int*>
         if (pyramid_rows::separableUpSampleApplies(next, level, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn),
                                                    2 * static_cast<std::ptrdiff_t>(w), h - 2 * hn, w - 2 * wn)) {
             runOnFourStripes(h, [&](int rowStart, int rowEnd) {
-                collapseRows(level, w, next, hn, wn, h - 2 * hn, w - 2 * wn, i == 0, whiteLevel, rowStart, rowEnd);
+                collapseRows(level, w, next, hn, wn, h - 2 * hn, w - 2 * wn, i == 0, whiteLevel, rowStart, rowEnd,
+                             isa);
             });
         } else {
             collapseStepPlain(level, h, w, next, hn, wn, i, whiteLevel);

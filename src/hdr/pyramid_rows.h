@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "imgcore/simd_dispatch.h"
+
 // Row-level pieces of the pyramid fast paths, shared by the pyramid functions and
 // the exposure fusion (internal, not exported). Each piece produces exactly the
 // samples of its plain counterpart in pyramid.cpp, a band of rows at a time, so that
@@ -18,12 +20,14 @@ bool keptQuadDownSampleApplies(int height, int width, int outHeight, int outWidt
 // Output rows [rowStart, rowEnd) of the 2:1 quad decimation of the Bayer low-pass,
 // computing the low-pass only at the kept samples: output (o, c) is the low-passed
 // source sample (2o - o % 2, 2c - c % 2). Exact integer sums (see pyramid.cpp).
+// Runs the compilation `isa` of the row kernel (see imgcore/simd_dispatch.h).
 template <typename T>
-void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd);
+void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd,
+                        KernelIsa isa);
 
 // The whole down-sampling on four workers (output row stripes).
 template <typename T>
-void downSampleKept(const T* src, T* dst, int height, int width, int outHeight, int outWidth);
+void downSampleKept(const T* src, T* dst, int height, int width, int outHeight, int outWidth, KernelIsa isa);
 
 // True when UpSampledRows may replace the zero-insert-and-filter definition: even
 // source sides of at least 2, remainders 0 or 2, positive strides, src and dst apart.
@@ -38,7 +42,7 @@ bool separableUpSampleApplies(const short* src, const short* dst, int height, in
 class UpSampledRows {
 public:
     UpSampledRows(const short* src, int height, int width, std::ptrdiff_t srcStrideBytes, int extraRows,
-                  int extraCols);
+                  int extraCols, KernelIsa isa);
     int rows() const { return outRows_; }
     int cols() const { return outCols_; }
     // Writes the outCols samples of output row y (0 <= y < rows()).
@@ -62,6 +66,7 @@ private:
     std::vector<short> evenSites_;
     std::vector<short> oddSites_;
     std::vector<int> ring_;
+    KernelIsa isa_;
     int slotQuad_[kSlots];
 };
 

@@ -4,6 +4,8 @@
 #include <climits>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "imgcore/fast_paths.h"
@@ -40,6 +42,19 @@ inline short scaleAndClamp(short sample, float gain, float white) {
 // column is scaled on its own.
 template <bool Checked>
 void scaleRow(const short* src, short* dst, int width, float gainEven, float gainOdd, float white) {
+    if (kUseFastPaths && src == dst) {
+        // In place through one pointer: the pair loop vectorises without the
+        // run-time overlap test that sends a two-pointer in-place call to the scalar
+        // loop.
+        short* row = dst;
+        const int pairs = width / 2;
+        for (int j = 0; j < pairs; ++j) {
+            row[2 * j] = scaleAndClamp<Checked>(row[2 * j], gainEven, white);
+            row[2 * j + 1] = scaleAndClamp<Checked>(row[2 * j + 1], gainOdd, white);
+        }
+        if (width % 2 != 0) row[width - 1] = scaleAndClamp<Checked>(row[width - 1], gainEven, white);
+        return;
+    }
     int c = 0;
     for (; c + 1 < width; c += 2) {
         dst[c] = scaleAndClamp<Checked>(src[c], gainEven, white);
@@ -117,6 +132,58 @@ inline short attenuate(short sample, float f) {
     return static_cast<short>(truncToInt(static_cast<double>(f * static_cast<float>(sample)) + 0.5));
 }
 
+// Fast row form of greenAttenuation, in place on one quad row (rows `top` and
+// `top + width`), for a positive white level. The factor then lies in [0.96, 1], so
+// f * sample + 0.5 is inside the int range and the plain conversion equals the
+// saturating one. The branches become bit masks so that the loop vectorises under
+// strict IEEE semantics (a conditionally evaluated float operation could trap and
+// keeps the compiler from if-converting): the double comparisons g < 0.2 and
+// g > 0.3 of a finite float g are integer comparisons of its bit pattern with
+// those of the nearest floats on the right side of each bound (the order of the
+// bit patterns read as signed integers is the order of the values for non-negative
+// floats, and every negative float compares below both).
+struct GreenBounds {
+    std::int32_t darkBelow;    // bits of the smallest float >= 0.2
+    std::int32_t brightAbove;  // bits of the largest float <= 0.3
+    std::int32_t dimBits, oneBits;
+    GreenBounds() {
+        float low = 0.2f, high = 0.3f;
+        while (static_cast<double>(low) < 0.2) low = std::nextafter(low, 1.0f);
+        while (static_cast<double>(std::nextafter(low, 0.0f)) >= 0.2) low = std::nextafter(low, 0.0f);
+        while (static_cast<double>(high) > 0.3) high = std::nextafter(high, 0.0f);
+        while (static_cast<double>(std::nextafter(high, 1.0f)) <= 0.3) high = std::nextafter(high, 1.0f);
+        const float dim = 0.96f, one = 1.0f;
+        std::memcpy(&darkBelow, &low, sizeof low);
+        std::memcpy(&brightAbove, &high, sizeof high);
+        std::memcpy(&dimBits, &dim, sizeof dim);
+        std::memcpy(&oneBits, &one, sizeof one);
+    }
+};
+
+void attenuateGreensInPlace(short* top, int width, int firstCol, int secondCol, float white,
+                            const GreenBounds& bounds) {
+    short* bottom = top + width;
+    const int quads = width / 2;
+    for (int j = 0; j < quads; ++j) {
+        const int g1 = top[2 * j + firstCol], g2 = bottom[2 * j + secondCol];
+        const float g = static_cast<float>(static_cast<double>(g1 + g2) * 0.5) / white;
+        const float ramp = static_cast<float>(static_cast<double>(g) * 0.4 + 0.88);
+        std::int32_t bits, factorBits;
+        std::memcpy(&bits, &g, sizeof g);
+        std::memcpy(&factorBits, &ramp, sizeof ramp);
+        const std::int32_t bright = -static_cast<std::int32_t>(bits > bounds.brightAbove);
+        const std::int32_t dark = -static_cast<std::int32_t>(bits < bounds.darkBelow);
+        factorBits = (factorBits & ~bright) | (bounds.oneBits & bright);
+        factorBits = (factorBits & ~dark) | (bounds.dimBits & dark);
+        float f;
+        std::memcpy(&f, &factorBits, sizeof f);
+        top[2 * j + firstCol] =
+            static_cast<short>(static_cast<int>(static_cast<double>(f * static_cast<float>(g1)) + 0.5));
+        bottom[2 * j + secondCol] =
+            static_cast<short>(static_cast<int>(static_cast<double>(f * static_cast<float>(g2)) + 0.5));
+    }
+}
+
 }  // namespace
 
 void whiteBalance(short* src, short* dst, int rowStart, int rowEnd, float redGain, float blueGain, int width,
@@ -147,15 +214,18 @@ namespace tone_detail {
 
 void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest) {
     const int quadCols = width / 2;
+    int high = *brightest, low = *darkest;  // local reductions vectorise
     for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
         const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
         const short* s1 = s0 + width;
-        for (int c = 0; c < 2 * quadCols; c += 2) {
-            const int q = quadMean(s0, s1, c);
-            *brightest = std::max(*brightest, q);
-            *darkest = std::min(*darkest, q);
+        for (int j = 0; j < quadCols; ++j) {
+            const int q = quadMean(s0, s1, 2 * j);
+            high = std::max(high, q);
+            low = std::min(low, q);
         }
     }
+    *brightest = high;
+    *darkest = low;
 }
 
 RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
@@ -176,9 +246,40 @@ RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whi
     }
 }
 
+// Fast row form of the compression in place: the quad means of a quad row first
+// (vectorised), then the factors from the table (the only scalar loop), then the
+// scaling through one pointer per row (vectorised). Same arithmetic per sample.
+template <bool Checked>
+void compressQuadRowsInPlace(short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest,
+                             const float* ratios, float white) {
+    const int quads = width / 2;
+    std::vector<int> index(static_cast<std::size_t>(quads));
+    std::vector<float> factor(static_cast<std::size_t>(quads));
+    for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
+        short* r0 = image + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        short* r1 = r0 + width;
+        for (int j = 0; j < quads; ++j) index[j] = std::min(quadMean(r0, r1, 2 * j), top) - lowest;
+        for (int j = 0; j < quads; ++j) factor[j] = ratios[index[j]];
+        for (short* row : {r0, r1})
+            for (int j = 0; j < quads; ++j) {
+                row[2 * j] = scaleAndClamp<Checked>(row[2 * j], factor[j], white);
+                row[2 * j + 1] = scaleAndClamp<Checked>(row[2 * j + 1], factor[j], white);
+            }
+    }
+}
+
 void RangeCompressionTable::compressQuadRows(const short* src, short* dst, int width, int quadRowStart,
                                              int quadRowEnd) const {
     if (quadRowEnd <= quadRowStart) return;
+    if (src == dst && !ratios_.empty()) {
+        if (safe_)
+            compressQuadRowsInPlace<false>(dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(),
+                                           white_);
+        else
+            compressQuadRowsInPlace<true>(dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(),
+                                          white_);
+        return;
+    }
     const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(2 * quadRowStart) * width;
     if (safe_)
         compressQuads<false>(src + offset, dst + offset, width, quadRowEnd - quadRowStart, width / 2, top_, ratios_,
@@ -261,6 +362,13 @@ void greenAttenuation(short* src, short* dst, int width, int height, int whiteLe
     const int firstCol = diagonal ? 0 : 1;   // column of the green on the quad's top row
     const int secondCol = diagonal ? 1 : 0;  // and on its bottom row
     const int quadRows = height / 2, quadCols = width / 2;
+    if (kUseFastPaths && src == dst && whiteLevel > 0) {
+        const GreenBounds bounds;
+        for (int qy = 0; qy < quadRows; ++qy)
+            attenuateGreensInPlace(dst + static_cast<std::ptrdiff_t>(2 * qy) * width, width, firstCol, secondCol,
+                                   static_cast<float>(whiteLevel), bounds);
+        return;
+    }
     for (int qy = 0; qy < quadRows; ++qy) {
         const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(2 * qy) * width;
         const short* s0 = src + row;
