@@ -348,7 +348,7 @@ void BM_StagesPrepare(benchmark::State& state) {
         if (kUseFastPaths) {
             hdr_detail::prepareFramesFused(f, {b.frameC.data(), b.frameB.data(), b.frameA.data(), b.frameA.data()},
                                            kWidth, kHeight, kExposureRatio, blackLevels(), kRedGain, kBlueGain, kWhite,
-                                           0, table.data());
+                                           0, table.data(), bestKernelIsa());
         } else {
             frames[2] = b.frameA;
             hdr_detail::prepareFramesPlain(f, kWidth, kHeight, kExposureRatio, blackLevels(), kRedGain, kBlueGain,
@@ -485,7 +485,7 @@ void BM_StagesTone(benchmark::State& state) {
         cpu.start();
         if (kUseFastPaths)
             hdr_detail::toneStagesFused(full.data(), shallow.data(), out.data(), kWidth, kHeight, kRedGain, kBlueGain,
-                                        blackLevels(), tuning, 2.0f, table.data());
+                                        blackLevels(), tuning, 2.0f, table.data(), bestKernelIsa());
         else
             hdr_detail::toneStagesPlain(full.data(), shallow.data(), out.data(), kWidth, kHeight, kRedGain, kBlueGain,
                                         blackLevels(), tuning, 2.0f, table.data());

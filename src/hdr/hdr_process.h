@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Tuning record of the HDR path, filled with defaults by initializeParameter.
 // Every field is 32 bits wide; the order is part of the interface.
@@ -101,7 +102,7 @@ void prepareFramesPlain(const std::vector<short*>& frames, int width, int height
                         short* gammaTable);
 void prepareFramesFused(const std::vector<short*>& frames, const std::vector<const short*>& sources, int width,
                         int height, float exposureRatio, const int* blackLevels, float redGain, float blueGain,
-                        int whiteLevel, int bayerPattern, short* gammaTable);
+                        int whiteLevel, int bayerPattern, short* gammaTable, KernelIsa isa);
 
 // Stages 13 (range compression of both collapsed images) to 19 (output). Plain:
 // stage by stage over whole images, the result in `full`, then copied to
@@ -114,6 +115,6 @@ void toneStagesPlain(short* full, short* shallow, short* output, int width, int 
                      short* gammaTable);
 void toneStagesFused(short* full, short* shallow, short* output, int width, int height, float redGain,
                      float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
-                     short* gammaTable);
+                     short* gammaTable, KernelIsa isa);
 
 }  // namespace hdr_detail

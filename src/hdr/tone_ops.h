@@ -63,6 +63,14 @@ public:
                           float rangeCompressionRatio);
     void compressQuadRows(const short* src, short* dst, int width, int quadRowStart, int quadRowEnd) const;
 
+    // The factor of a quad of mean q is ratios()[min(q, top()) - lowest()]; every
+    // factor keeps the products in the int range when safe().
+    int top() const { return top_; }
+    int lowest() const { return lowest_; }
+    const float* ratios() const { return ratios_.data(); }
+    bool empty() const { return ratios_.empty(); }
+    bool safe() const { return safe_; }
+
 private:
     float white_;
     int top_ = 0;
