@@ -232,13 +232,18 @@ struct WeightJob {
     KernelIsa isa;
 };
 
+// out[x] = table[index[x]], the arrays declared apart so that wide vectors gather.
+KEP_KERNEL_BODY void lookUp(const float* __restrict table, const int* __restrict index, float* __restrict out, int n) {
+    for (int x = 0; x < n; ++x) out[x] = table[index[x]];
+}
+
 // Scratch rows of one worker for normalizedRow.
 struct RowScratch {
     std::vector<float> last, keepShare, moveShare, a, b;
-    std::vector<int> dark, sum;
+    std::vector<int> dark, sum, index;
     std::vector<unsigned short> raw;
     RowScratch(int width, int frameCount)
-        : last(width), keepShare(width), moveShare(width), a(width), b(width), dark(width), sum(width),
+        : last(width), keepShare(width), moveShare(width), a(width), b(width), dark(width), sum(width), index(width),
           raw(static_cast<size_t>(frameCount) * width) {}
 };
 
@@ -252,11 +257,10 @@ KEP_KERNEL_BODY void frameWeightRow(const unsigned short* intensity, unsigned sh
     const int darkWeight = IsLast ? whiteLevel : 0;
     float* a = scratch.a.data();
     float* b = scratch.b.data();
-    for (int x = 0; x < width; ++x) {
-        const int i = std::min(static_cast<int>(intensity[x]), whiteLevel);
-        a[x] = curveAtCenter[i];
-        b[x] = curveAboveCenter[i];
-    }
+    int* index = scratch.index.data();
+    for (int x = 0; x < width; ++x) index[x] = std::min(static_cast<int>(intensity[x]), whiteLevel);
+    lookUp(curveAtCenter, index, a, width);
+    lookUp(curveAboveCenter, index, b, width);
     const float* L = scratch.last.data();
     const float* keep = scratch.keepShare.data();
     const float* move = scratch.moveShare.data();

@@ -181,6 +181,11 @@ struct ToneSetup {
     float levels[4];
 };
 
+// out[x] = table[index[x]], the arrays declared apart so that wide vectors gather.
+KEP_KERNEL_BODY void lookUp(const float* __restrict table, const int* __restrict index, float* __restrict out, int n) {
+    for (int x = 0; x < n; ++x) out[x] = table[index[x]];
+}
+
 struct ToneScratch {
     std::vector<int> fullIndex, shallowIndex, index;
     std::vector<float> fullRatio, shallowRatio;
@@ -204,10 +209,8 @@ KEP_KERNEL_BODY void toneQuadRowBody(short* full, const short* shallow, short* o
         fullIndex[j] = std::min(tone_rows::quadMean(f0, f1, 2 * j), p.fullTop) - p.fullLowest;
         shallowIndex[j] = std::min(tone_rows::quadMean(s0, s1, 2 * j), p.shallowTop) - p.shallowLowest;
     }
-    const float* fullRatios = p.fullRatios;
-    const float* shallowRatios = p.shallowRatios;
-    for (int j = 0; j < quads; ++j) fullRatio[j] = fullRatios[fullIndex[j]];
-    for (int j = 0; j < quads; ++j) shallowRatio[j] = shallowRatios[shallowIndex[j]];
+    lookUp(p.fullRatios, fullIndex, fullRatio, quads);
+    lookUp(p.shallowRatios, shallowIndex, shallowRatio, quads);
     int* index = scratch.index.data();
     const float white = p.white, alpha = p.alpha, beta = p.beta;
     const int top = p.top;
