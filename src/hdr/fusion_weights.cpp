@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -412,9 +413,63 @@ std::vector<int> haloRowsOf(int rowStart, int rowEnd, int height) {
     return rows;
 }
 
+// Bit pattern of the largest float whose double value is at most `bound`.
+std::int32_t bitsOfLargestFloatNotAbove(double bound) {
+    float f = static_cast<float>(bound);
+    while (static_cast<double>(f) > bound) f = std::nextafter(f, -1.0f);
+    while (static_cast<double>(std::nextafter(f, 2.0f)) <= bound) f = std::nextafter(f, 2.0f);
+    std::int32_t bits;
+    std::memcpy(&bits, &f, sizeof f);
+    return bits;
+}
+
+// Highlight values of one row, branch-free: the operations of highlightValue with
+// its branches turned into integer masks, so that the loop vectorises under strict
+// IEEE semantics. x = a / whiteLevel is a non-negative float (a >= 0, whiteLevel >
+// 0), so its comparisons with 0.7 and 0.8 are integer comparisons of its bit
+// pattern with those of the largest floats not above the bounds. The ramp is
+// computed everywhere; for whiteLevel >= 8 its magnitude stays below
+// (65535 / 8) * 163830 < 2^31, so the conversion is defined even where it is not
+// selected.
+struct HighlightBounds {
+    std::int32_t notAbove07 = bitsOfLargestFloatNotAbove(0.7);
+    std::int32_t notAbove08 = bitsOfLargestFloatNotAbove(0.8);
+};
+
+KEP_KERNEL_BODY void highlightRowBody(const unsigned short* last, const unsigned short* previous, unsigned short* out,
+                                      int width, float white, const HighlightBounds& bounds) {
+    const std::int32_t notAbove07 = bounds.notAbove07, notAbove08 = bounds.notAbove08;
+    for (int x = 0; x < width; ++x) {
+        const int a = last[x], b = previous[x];
+        const float fx = static_cast<float>(a) / white;
+        std::int32_t bits;
+        std::memcpy(&bits, &fx, sizeof fx);
+        const int q = std::abs(a - b) / 4;
+        const int ramp = static_cast<int>((static_cast<double>(fx) - 0.7) * static_cast<double>(q * 10));
+        const int inRamp = -static_cast<int>(bits <= notAbove08);
+        int value = (ramp & inRamp) | (q & ~inRamp);
+        const int steep = -static_cast<int>(value >= 101);
+        value = (std::min(3 * value - 200, 255) & steep) | (value & ~steep);
+        const int dark = -static_cast<int>(bits <= notAbove07);
+        out[x] = static_cast<unsigned short>(value & ~dark);
+    }
+}
+
+void highlightRowBaseline(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
+                          float white, const HighlightBounds& bounds) {
+    highlightRowBody(last, previous, out, width, white, bounds);
+}
+
+KEP_TARGET_AVX2 void highlightRowAvx2(const unsigned short* last, const unsigned short* previous, unsigned short* out,
+                                      int width, float white, const HighlightBounds& bounds) {
+    highlightRowBody(last, previous, out, width, white, bounds);
+}
+
 void smoothedHighlightRows(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
                            int height, int whiteLevel, int rowStart, int rowEnd, KernelIsa isa) {
     if (rowEnd <= rowStart) return;
+    const bool rowKernel = whiteLevel >= 8;
+    const HighlightBounds bounds;
     RowRing ring(width, 1);
     std::vector<int> column(static_cast<size_t>(width) + 4);
     for (int r = rowStart; r < rowEnd; ++r) {
@@ -424,8 +479,15 @@ void smoothedHighlightRows(const unsigned short* last, const unsigned short* pre
             unsigned short* slot = ring.slot(row, 0);
             if (!ring.holds(row)) {
                 const ptrdiff_t offset = static_cast<ptrdiff_t>(row) * width;
-                for (int x = 0; x < width; ++x)
-                    slot[x] = fusion_detail::highlightValue(last[offset + x], previous[offset + x], whiteLevel);
+                if (rowKernel && isa == KernelIsa::Avx2)
+                    highlightRowAvx2(last + offset, previous + offset, slot, width, static_cast<float>(whiteLevel),
+                                     bounds);
+                else if (rowKernel)
+                    highlightRowBaseline(last + offset, previous + offset, slot, width,
+                                         static_cast<float>(whiteLevel), bounds);
+                else
+                    for (int x = 0; x < width; ++x)
+                        slot[x] = fusion_detail::highlightValue(last[offset + x], previous[offset + x], whiteLevel);
                 ring.mark(row);
             }
             in[i] = slot;
