@@ -468,8 +468,6 @@ KEP_TARGET_AVX2 void highlightRowAvx2(const unsigned short* last, const unsigned
 void smoothedHighlightRows(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
                            int height, int whiteLevel, int rowStart, int rowEnd, KernelIsa isa) {
     if (rowEnd <= rowStart) return;
-    const bool rowKernel = whiteLevel >= 8;
-    const HighlightBounds bounds;
     RowRing ring(width, 1);
     std::vector<int> column(static_cast<size_t>(width) + 4);
     for (int r = rowStart; r < rowEnd; ++r) {
@@ -479,15 +477,7 @@ void smoothedHighlightRows(const unsigned short* last, const unsigned short* pre
             unsigned short* slot = ring.slot(row, 0);
             if (!ring.holds(row)) {
                 const ptrdiff_t offset = static_cast<ptrdiff_t>(row) * width;
-                if (rowKernel && isa == KernelIsa::Avx2)
-                    highlightRowAvx2(last + offset, previous + offset, slot, width, static_cast<float>(whiteLevel),
-                                     bounds);
-                else if (rowKernel)
-                    highlightRowBaseline(last + offset, previous + offset, slot, width,
-                                         static_cast<float>(whiteLevel), bounds);
-                else
-                    for (int x = 0; x < width; ++x)
-                        slot[x] = fusion_detail::highlightValue(last[offset + x], previous[offset + x], whiteLevel);
+                fusion_detail::highlightRow(last + offset, previous + offset, slot, width, whiteLevel, isa);
                 ring.mark(row);
             }
             in[i] = slot;
@@ -631,6 +621,59 @@ void filterWeightRowsPlain(const unsigned short* extended, const int (*kernel)[5
 
 }  // namespace fusion_detail
 
+void fusion_detail::calculateWeightPlain(std::vector<unsigned short*>* intensities,
+                                         std::vector<unsigned short*>* weights, int width, int height, int frameCount,
+                                         int exposureCenter, int whiteLevel, float exposureWeightScale) {
+    if (frameCount < 1 || width <= 0 || height <= 0) return;
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    unsigned short* last = (*intensities)[frameCount - 1];
+    unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;
+
+    // Highlight map from the two brightest frames, then smoothed in place.
+    std::unique_ptr<unsigned short[]> highlight(new unsigned short[pixels]);
+    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+        const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
+        const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
+        for (ptrdiff_t p = begin; p < end; ++p)
+            highlight[p] = fusion_detail::highlightValue(last[p], previous[p], whiteLevel);
+    });
+    lowPassFilteringForWeight_ushort(highlight.get(), highlight.get(), width, height);
+
+    // Unnormalised weights. The last frame's intensities are read by every frame,
+    // so when the lists share buffers they are overwritten only at the last turn.
+    for (int k = 0; k < frameCount; ++k)
+        calculateSingleImageWeight((*intensities)[k], (*weights)[k], exposureCenter, height, width, whiteLevel, k,
+                                   frameCount, exposureWeightScale, last, highlight.get());
+
+    std::unique_ptr<int[]> sum(new int[pixels]());
+    for (int k = 0; k < frameCount; ++k) {
+        unsigned short* w = (*weights)[k];
+        runOnFourStripes(height, [&](int rowStart, int rowEnd) { calculateSumWeight(sum.get(), w, rowStart, rowEnd, width); });
+    }
+
+    // Every frame is normalised by the sum of the unsmoothed weights, then smoothed.
+    for (int k = 0; k < frameCount; ++k) {
+        unsigned short* w = (*weights)[k];
+        runOnFourStripes(height, [&](int rowStart, int rowEnd) {
+            normalizeWeight(w, sum.get(), rowStart, rowEnd, width, frameCount, whiteLevel);
+        });
+        lowPassFilteringForWeight_ushort(w, w, width, height);
+    }
+}
+
+void fusion_detail::highlightRow(const unsigned short* last, const unsigned short* previous, unsigned short* out,
+                                 int width, int whiteLevel, KernelIsa isa) {
+    if (whiteLevel < 8) {
+        for (int x = 0; x < width; ++x) out[x] = highlightValue(last[x], previous[x], whiteLevel);
+        return;
+    }
+    const HighlightBounds bounds;
+    if (isa == KernelIsa::Avx2)
+        highlightRowAvx2(last, previous, out, width, static_cast<float>(whiteLevel), bounds);
+    else
+        highlightRowBaseline(last, previous, out, width, static_cast<float>(whiteLevel), bounds);
+}
+
 bool fusion_detail::calculateWeightStreamed(std::vector<unsigned short*>* intensities,
                                             std::vector<unsigned short*>* weights, int width, int height,
                                             int frameCount, int exposureCenter, int whiteLevel,
@@ -754,38 +797,6 @@ void calculateWeight(std::vector<unsigned short*>* intensities, std::vector<shor
                                                                 exposureCenter, whiteLevel, exposureWeightScale,
                                                                 bestKernelIsa()))
         return;
-    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
-    unsigned short* last = (*intensities)[frameCount - 1];
-    unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;
-
-    // Highlight map from the two brightest frames, then smoothed in place.
-    std::unique_ptr<unsigned short[]> highlight(new unsigned short[pixels]);
-    runOnFourStripes(height, [&](int rowStart, int rowEnd) {
-        const ptrdiff_t begin = static_cast<ptrdiff_t>(rowStart) * width;
-        const ptrdiff_t end = static_cast<ptrdiff_t>(rowEnd) * width;
-        for (ptrdiff_t p = begin; p < end; ++p)
-            highlight[p] = fusion_detail::highlightValue(last[p], previous[p], whiteLevel);
-    });
-    lowPassFilteringForWeight_ushort(highlight.get(), highlight.get(), width, height);
-
-    // Unnormalised weights. The last frame's intensities are read by every frame,
-    // so when the lists share buffers they are overwritten only at the last turn.
-    for (int k = 0; k < frameCount; ++k)
-        calculateSingleImageWeight((*intensities)[k], (*weights)[k], exposureCenter, height, width, whiteLevel, k,
-                                   frameCount, exposureWeightScale, last, highlight.get());
-
-    std::unique_ptr<int[]> sum(new int[pixels]());
-    for (int k = 0; k < frameCount; ++k) {
-        unsigned short* w = (*weights)[k];
-        runOnFourStripes(height, [&](int rowStart, int rowEnd) { calculateSumWeight(sum.get(), w, rowStart, rowEnd, width); });
-    }
-
-    // Every frame is normalised by the sum of the unsmoothed weights, then smoothed.
-    for (int k = 0; k < frameCount; ++k) {
-        unsigned short* w = (*weights)[k];
-        runOnFourStripes(height, [&](int rowStart, int rowEnd) {
-            normalizeWeight(w, sum.get(), rowStart, rowEnd, width, frameCount, whiteLevel);
-        });
-        lowPassFilteringForWeight_ushort(w, w, width, height);
-    }
+    fusion_detail::calculateWeightPlain(intensities, weights, width, height, frameCount, exposureCenter, whiteLevel,
+                                        exposureWeightScale);
 }

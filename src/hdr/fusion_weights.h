@@ -96,6 +96,17 @@ void wellExposednessPlain(const unsigned short* intensity, unsigned short* weigh
 void normalizeWeightPlain(unsigned short* weight, const int* sum, int rowStart, int rowEnd, int width, int frameCount,
                           int whiteLevel);
 
+// Plain definition of calculateWeight, step by step over whole maps: the highlight
+// map and its smoothing, each frame's weights, the weight sum, then each frame
+// normalised and smoothed.
+void calculateWeightPlain(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights, int width,
+                          int height, int frameCount, int exposureCenter, int whiteLevel, float exposureWeightScale);
+
+// highlightValue over one row, branch-free and vectorised for white levels of at
+// least 8 (plainly below), in the compilation `isa`.
+void highlightRow(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
+                  int whiteLevel, KernelIsa isa);
+
 // Fast path of calculateWeight in the compilation `isa`: the smoothed highlight map
 // in one pass, then per row the weights of all frames, their sum and
 // normalisation, smoothed straight into the weight maps (rows a stripe needs from
