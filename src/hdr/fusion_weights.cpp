@@ -503,17 +503,18 @@ bool weightListsAllowStreaming(const std::vector<unsigned short*>* intensities,
 
 void calculateWeightFused(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights, int width,
                           int height, int frameCount, int whiteLevel, const float* curveAtCenter,
-                          const float* curveAboveCenter, KernelIsa isa) {
+                          const float* curveAboveCenter, KernelIsa isa, unsigned short* highlightScratch) {
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     const unsigned short* last = (*intensities)[frameCount - 1];
     const unsigned short* previous = frameCount >= 2 ? (*intensities)[frameCount - 2] : last;
-    std::unique_ptr<unsigned short[]> highlight(new unsigned short[pixels]);
+    std::unique_ptr<unsigned short[]> owned(highlightScratch == nullptr ? new unsigned short[pixels] : nullptr);
+    unsigned short* highlightMap = highlightScratch != nullptr ? highlightScratch : owned.get();
     runOnFourStripes(height, [&](int rowStart, int rowEnd) {
-        smoothedHighlightRows(last, previous, highlight.get(), width, height, whiteLevel, rowStart, rowEnd, isa);
+        smoothedHighlightRows(last, previous, highlightMap, width, height, whiteLevel, rowStart, rowEnd, isa);
     });
 
     WeightJob job{intensities, weights, width,           height,          frameCount,
-                  whiteLevel,  curveAtCenter, curveAboveCenter, highlight.get(), isa};
+                  whiteLevel,  curveAtCenter, curveAboveCenter, highlightMap,    isa};
     std::vector<int> haloRows[4];
     std::vector<unsigned short> halo[4];
     runFourWorkers([&](int k) {
@@ -677,7 +678,8 @@ void fusion_detail::highlightRow(const unsigned short* last, const unsigned shor
 bool fusion_detail::calculateWeightStreamed(std::vector<unsigned short*>* intensities,
                                             std::vector<unsigned short*>* weights, int width, int height,
                                             int frameCount, int exposureCenter, int whiteLevel,
-                                            float exposureWeightScale, KernelIsa isa) {
+                                            float exposureWeightScale, KernelIsa isa,
+                                            unsigned short* highlightScratch) {
     if (frameCount < 1 || width < 2 || height < 2 || whiteLevel <= 0 ||
         !weightListsAllowStreaming(intensities, weights, frameCount))
         return false;
@@ -688,7 +690,7 @@ bool fusion_detail::calculateWeightStreamed(std::vector<unsigned short*>* intens
               truncToInt(static_cast<double>(exposureCenter) * 1.1));
     if (!curvesKeepWeightsInRange(curveAtCenter.data(), curveAboveCenter.data(), whiteLevel)) return false;
     calculateWeightFused(intensities, weights, width, height, frameCount, whiteLevel, curveAtCenter.data(),
-                         curveAboveCenter.data(), isa);
+                         curveAboveCenter.data(), isa, highlightScratch);
     return true;
 }
 

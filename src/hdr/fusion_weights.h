@@ -113,10 +113,12 @@ void highlightRow(const unsigned short* last, const unsigned short* previous, un
 // its neighbours are computed before any worker writes). Returns false, writing
 // nothing, where it does not apply: sides below 2, a white level below 1, weight
 // maps that share buffers other than their own frame's intensities, or curves whose
-// weights could leave the int range.
+// weights could leave the int range. The smoothed highlight map goes to
+// `highlightScratch` (width * height values, free for the call) when given, else
+// to an allocation of its own.
 bool calculateWeightStreamed(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights,
                              int width, int height, int frameCount, int exposureCenter, int whiteLevel,
-                             float exposureWeightScale, KernelIsa isa);
+                             float exposureWeightScale, KernelIsa isa, unsigned short* highlightScratch = nullptr);
 
 // The plain definition of filteringProcessForWeight_ushort (float accumulation of
 // every product); the exported function takes an exact integer path for the

@@ -569,13 +569,9 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     std::vector<int*> levelSizes(static_cast<size_t>(levelCount));
     for (int i = 0; i < levelCount; ++i) levelSizes[i] = sizeStorage[i].data();
 
-    intensityEstimation(&frames, &weights, width, height, n, truncToInt(redGain), truncToInt(blueGain),
-                        tuning.bayerPattern);
-    calculateWeight(&weights, &frames, &weights, width, height, n, tuning.exposureCenter, whiteLevel, &levelSizes,
-                    levelCount, tuning.exposureWeightScale);
-
     // The fused pyramids start at zero; the fast fusion stores the first frame's
-    // contributions instead of adding them to zeros, so it needs no clearing pass.
+    // contributions instead of adding them to zeros, so it needs no clearing pass,
+    // and until then the finest full level serves the weights as scratch.
     const bool skipZeroFill =
         exposure_fusion_detail::exposureFusionSkipsZeroFill(&levelSizes, height, width, levelCount);
     auto allocateLevels = [&](int count, std::vector<std::unique_ptr<short[]>>& owned, std::vector<short*>& levels) {
@@ -591,6 +587,16 @@ void hdrProcess(short* frameA, short* frameB, short* frameC, short* output, floa
     std::vector<short*> fullPyramid, shallowPyramid;
     allocateLevels(levelCount, fullLevels, fullPyramid);
     allocateLevels(shallowLevelCount, shallowLevels, shallowPyramid);
+
+
+    intensityEstimation(&frames, &weights, width, height, n, truncToInt(redGain), truncToInt(blueGain),
+                        tuning.bayerPattern);
+    if (!(kUseFastPaths && skipZeroFill &&
+          fusion_detail::calculateWeightStreamed(&weights, &weights, width, height, n, tuning.exposureCenter,
+                                                 whiteLevel, tuning.exposureWeightScale, bestKernelIsa(),
+                                                 reinterpret_cast<unsigned short*>(fullPyramid[0]))))
+        calculateWeight(&weights, &frames, &weights, width, height, n, tuning.exposureCenter, whiteLevel,
+                        &levelSizes, levelCount, tuning.exposureWeightScale);
 
     if (kUseFastPaths)
         exposure_fusion_detail::exposureFusionInto(&weights, &frames, &fullPyramid, &shallowPyramid, &levelSizes,
