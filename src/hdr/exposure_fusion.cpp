@@ -130,11 +130,7 @@ KEP_KERNEL_BODY void fuseQuadRowsBody(const LevelJob& job, int quadStart, int qu
     }
 }
 
-void fuseQuadRowsBaseline(const LevelJob& job, int quadStart, int quadEnd) { fuseQuadRowsBody(job, quadStart, quadEnd); }
-
-KEP_TARGET_AVX2 void fuseQuadRowsAvx2(const LevelJob& job, int quadStart, int quadEnd) {
-    fuseQuadRowsBody(job, quadStart, quadEnd);
-}
+KEP_ROW_KERNEL(fuseQuadRows, (const LevelJob& job, int quadStart, int quadEnd), (job, quadStart, quadEnd))
 
 // Fast path of exposureFusion: the frame's Gaussian pyramids are built first (the
 // down-sampling reads each level before it is differenced, as in the plain
@@ -200,12 +196,8 @@ void exposureFusionFast(std::vector<unsigned short*>* weights, std::vector<short
             job.gainMaxLevel = gainMaxLevel;
             job.start = accumulatorsStartAtZero && k == 0;
             job.isa = isa;
-            runOnFourStripes(job.h / 2, [&](int quadStart, int quadEnd) {
-                if (isa == KernelIsa::Avx2)
-                    fuseQuadRowsAvx2(job, quadStart, quadEnd);
-                else
-                    fuseQuadRowsBaseline(job, quadStart, quadEnd);
-            });
+            runOnFourStripes(job.h / 2,
+                             [&](int quadStart, int quadEnd) { fuseQuadRows(isa, job, quadStart, quadEnd); });
         }
     }
 }

@@ -328,37 +328,11 @@ KEP_KERNEL_BODY void normalizedRowBody(const WeightJob& job, int y, unsigned sho
         normalizeRunInto(scratch.raw.data() + static_cast<ptrdiff_t>(k) * width, sum, out[k], width, evenShare);
 }
 
-void normalizedRowBaseline(const WeightJob& job, int y, unsigned short* const* out, RowScratch& scratch) {
-    normalizedRowBody(job, y, out, scratch);
-}
+KEP_ROW_KERNEL(normalizedRow, (const WeightJob& job, int y, unsigned short* const* out, RowScratch& scratch),
+               (job, y, out, scratch))
 
-KEP_TARGET_AVX2 void normalizedRowAvx2(const WeightJob& job, int y, unsigned short* const* out,
-                                       RowScratch& scratch) {
-    normalizedRowBody(job, y, out, scratch);
-}
-
-void normalizedRow(const WeightJob& job, int y, unsigned short* const* out, RowScratch& scratch) {
-    if (job.isa == KernelIsa::Avx2)
-        normalizedRowAvx2(job, y, out, scratch);
-    else
-        normalizedRowBaseline(job, y, out, scratch);
-}
-
-void smoothRowBaseline(const unsigned short* const rows[5], unsigned short* out, int width, int* column) {
-    smoothRowBody(rows, out, width, column);
-}
-
-KEP_TARGET_AVX2 void smoothRowAvx2(const unsigned short* const rows[5], unsigned short* out, int width,
-                                   int* column) {
-    smoothRowBody(rows, out, width, column);
-}
-
-void smoothRow(const unsigned short* const rows[5], unsigned short* out, int width, int* column, KernelIsa isa) {
-    if (isa == KernelIsa::Avx2)
-        smoothRowAvx2(rows, out, width, column);
-    else
-        smoothRowBaseline(rows, out, width, column);
-}
+KEP_ROW_KERNEL(smoothRow, (const unsigned short* const rows[5], unsigned short* out, int width, int* column),
+               (rows, out, width, column))
 
 // Output rows [rowStart, rowEnd) of the smoothed normalised weights, written in
 // place over the intensities when the lists share buffers. Rows of the stripe are
@@ -377,7 +351,7 @@ void smoothedWeightRows(const WeightJob& job, int rowStart, int rowEnd, const st
         if (ring.holds(row)) return;
         for (int k = 0; k < n; ++k) planes[k] = ring.slot(row, k);
         if (row >= rowStart && row < rowEnd) {
-            normalizedRow(job, row, planes.data(), scratch);
+            normalizedRow(job.isa, job, row, planes.data(), scratch);
         } else {
             const size_t h = static_cast<size_t>(std::find(haloRows.begin(), haloRows.end(), row) - haloRows.begin());
             for (int k = 0; k < n; ++k) {
@@ -396,7 +370,7 @@ void smoothedWeightRows(const WeightJob& job, int rowStart, int rowEnd, const st
         for (int k = 0; k < n; ++k) {
             const unsigned short* in[5];
             for (int i = 0; i < 5; ++i) in[i] = ring.slot(rows[i], k);
-            smoothRow(in, (*job.weights)[k] + static_cast<ptrdiff_t>(r) * width, width, column.data(), job.isa);
+            smoothRow(job.isa, in, (*job.weights)[k] + static_cast<ptrdiff_t>(r) * width, width, column.data());
         }
     }
 }
@@ -455,15 +429,10 @@ KEP_KERNEL_BODY void highlightRowBody(const unsigned short* last, const unsigned
     }
 }
 
-void highlightRowBaseline(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
-                          float white, const HighlightBounds& bounds) {
-    highlightRowBody(last, previous, out, width, white, bounds);
-}
-
-KEP_TARGET_AVX2 void highlightRowAvx2(const unsigned short* last, const unsigned short* previous, unsigned short* out,
-                                      int width, float white, const HighlightBounds& bounds) {
-    highlightRowBody(last, previous, out, width, white, bounds);
-}
+KEP_ROW_KERNEL(highlightRow,
+               (const unsigned short* last, const unsigned short* previous, unsigned short* out, int width, float white,
+                const HighlightBounds& bounds),
+               (last, previous, out, width, white, bounds))
 
 void smoothedHighlightRows(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
                            int height, int whiteLevel, int rowStart, int rowEnd, KernelIsa isa) {
@@ -482,7 +451,7 @@ void smoothedHighlightRows(const unsigned short* last, const unsigned short* pre
             }
             in[i] = slot;
         }
-        smoothRow(in, out + static_cast<ptrdiff_t>(r) * width, width, column.data(), isa);
+        smoothRow(isa, in, out + static_cast<ptrdiff_t>(r) * width, width, column.data());
     }
 }
 
@@ -526,7 +495,7 @@ void calculateWeightFused(std::vector<unsigned short*>* intensities, std::vector
         for (size_t h = 0; h < haloRows[k].size(); ++h) {
             for (int f = 0; f < frameCount; ++f)
                 planes[f] = halo[k].data() + (h * frameCount + f) * static_cast<size_t>(width);
-            normalizedRow(job, haloRows[k][h], planes.data(), scratch);
+            normalizedRow(job.isa, job, haloRows[k][h], planes.data(), scratch);
         }
     });
     runFourWorkers([&](int k) {
@@ -669,10 +638,7 @@ void fusion_detail::highlightRow(const unsigned short* last, const unsigned shor
         return;
     }
     const HighlightBounds bounds;
-    if (isa == KernelIsa::Avx2)
-        highlightRowAvx2(last, previous, out, width, static_cast<float>(whiteLevel), bounds);
-    else
-        highlightRowBaseline(last, previous, out, width, static_cast<float>(whiteLevel), bounds);
+    ::highlightRow(isa, last, previous, out, width, static_cast<float>(whiteLevel), bounds);
 }
 
 bool fusion_detail::calculateWeightStreamed(std::vector<unsigned short*>* intensities,

@@ -152,13 +152,8 @@ KEP_KERNEL_BODY void prepareRowBody(short* row, int width, int rowParity, const 
     for (int x = 0; x < 2 * pairs; ++x) row[x] = static_cast<short>(gamma[index[x]]);
 }
 
-void prepareRowBaseline(short* row, int width, int rowParity, const PrepareSetup& p, int* index) {
-    prepareRowBody(row, width, rowParity, p, index);
-}
-
-KEP_TARGET_AVX2 void prepareRowAvx2(short* row, int width, int rowParity, const PrepareSetup& p, int* index) {
-    prepareRowBody(row, width, rowParity, p, index);
-}
+KEP_ROW_KERNEL(prepareRow, (short* row, int width, int rowParity, const PrepareSetup& p, int* index),
+               (row, width, rowParity, p, index))
 
 // Stages 13 (range compression) to 18 of one quad row of both collapsed images,
 // with every conversion proven in range: the factor of each quad from the tables
@@ -246,15 +241,9 @@ KEP_KERNEL_BODY void toneQuadRowBody(short* full, const short* shallow, short* o
     }
 }
 
-void toneQuadRowBaseline(short* full, const short* shallow, short* out, int width, const ToneSetup& p,
-                         ToneScratch& scratch) {
-    toneQuadRowBody(full, shallow, out, width, p, scratch);
-}
-
-KEP_TARGET_AVX2 void toneQuadRowAvx2(short* full, const short* shallow, short* out, int width, const ToneSetup& p,
-                                     ToneScratch& scratch) {
-    toneQuadRowBody(full, shallow, out, width, p, scratch);
-}
+KEP_ROW_KERNEL(toneQuadRow,
+               (short* full, const short* shallow, short* out, int width, const ToneSetup& p, ToneScratch& scratch),
+               (full, shallow, out, width, p, scratch))
 
 // White balance of a whole frame on four workers, each owning whole quads.
 void whiteBalanceFrame(short* frame, int width, int height, float redGain, float blueGain, int whiteLevel,
@@ -320,12 +309,7 @@ void prepareFramesFused(const std::vector<short*>& frames, const std::vector<con
                     mapThroughTable(rows, static_cast<size_t>(2) * width, gammaTable, whiteLevel);
                     continue;
                 }
-                for (int r = 0; r < 2; ++r) {
-                    if (isa == KernelIsa::Avx2)
-                        prepareRowAvx2(rows + r * width, width, r, setup, index.data());
-                    else
-                        prepareRowBaseline(rows + r * width, width, r, setup, index.data());
-                }
+                for (int r = 0; r < 2; ++r) prepareRow(isa, rows + r * width, width, r, setup, index.data());
             }
         });
     }
@@ -416,10 +400,7 @@ void toneStagesFused(short* full, short* shallow, short* output, int width, int 
         for (int q = quadStart; q < quadEnd; ++q) {
             const ptrdiff_t offset = static_cast<ptrdiff_t>(2 * q) * width;
             if (rowKernel) {
-                if (isa == KernelIsa::Avx2)
-                    toneQuadRowAvx2(full + offset, shallow + offset, output + offset, width, setup, scratch);
-                else
-                    toneQuadRowBaseline(full + offset, shallow + offset, output + offset, width, setup, scratch);
+                toneQuadRow(isa, full + offset, shallow + offset, output + offset, width, setup, scratch);
                 continue;
             }
             fullTable.compressQuadRows(full, full, width, q, q + 1);

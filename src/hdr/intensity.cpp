@@ -101,31 +101,10 @@ KEP_KERNEL_BODY void intensityRowBody(const short* up, const short* mid, const s
     if (n % 2 != 0) out[n - 1] = intensityOfSite(first, up, mid, down, n - 1);
 }
 
-}  // namespace
-
-namespace intensity_detail {
-
-void intensityRowBaseline(const short* up, const short* mid, const short* down, unsigned short* out, int n,
-                          int bayerPattern, int rowParity, int parity) {
-    intensityRowBody(up, mid, down, out, n, bayerPattern, rowParity, parity);
-}
-
-KEP_TARGET_AVX2 void intensityRowAvx2(const short* up, const short* mid, const short* down, unsigned short* out,
-                                      int n, int bayerPattern, int rowParity, int parity) {
-    intensityRowBody(up, mid, down, out, n, bayerPattern, rowParity, parity);
-}
-
-}  // namespace intensity_detail
-
-namespace {
-
-void intensityRow(const short* up, const short* mid, const short* down, unsigned short* out, int n, int bayerPattern,
-                  int rowParity, int parity, KernelIsa isa) {
-    if (isa == KernelIsa::Avx2)
-        intensity_detail::intensityRowAvx2(up, mid, down, out, n, bayerPattern, rowParity, parity);
-    else
-        intensity_detail::intensityRowBaseline(up, mid, down, out, n, bayerPattern, rowParity, parity);
-}
+KEP_ROW_KERNEL(intensityRow,
+               (const short* up, const short* mid, const short* down, unsigned short* out, int n, int bayerPattern,
+                int rowParity, int parity),
+               (up, mid, down, out, n, bayerPattern, rowParity, parity))
 
 // Fast path of singleImageIntensityEstimation without the extended copy: each
 // worker keeps its rows and the two around them in three padded row buffers. The
@@ -171,8 +150,8 @@ void intensityRowsStreamed(const short* frame, unsigned short* intensity, int wi
         const short* up = rows.row(y - 1);
         const short* mid = rows.row(y);
         const short* down = rows.row(y + 1);
-        intensityRow(up, mid, down, intensity + static_cast<std::ptrdiff_t>(y) * width, width, bayerPattern, y & 1, 0,
-                     isa);
+        intensityRow(isa, up, mid, down, intensity + static_cast<std::ptrdiff_t>(y) * width, width, bayerPattern,
+                     y & 1, 0);
     }
 }
 
@@ -203,9 +182,9 @@ void intensity_detail::calculateLumaRows(short* extended, unsigned short* intens
     if (bayerPattern < 0 || bayerPattern > 3 || colEnd <= colStart) return;
     for (int r = rowStart; r < rowEnd; ++r) {
         const short* mid = extended + static_cast<std::ptrdiff_t>(r) * extendedStride + colStart;
-        intensityRow(mid - extendedStride, mid, mid + extendedStride,
+        intensityRow(isa, mid - extendedStride, mid, mid + extendedStride,
                      intensity + static_cast<std::ptrdiff_t>(r - border) * outWidth + (colStart - border),
-                     colEnd - colStart, bayerPattern, (r - border) & 1, (colStart - border) & 1, isa);
+                     colEnd - colStart, bayerPattern, (r - border) & 1, (colStart - border) & 1);
     }
 }
 

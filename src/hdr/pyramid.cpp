@@ -140,12 +140,19 @@ KEP_TARGET_AVX2 void downSampleKeptRowsAvx2(const T* src, T* dst, int height, in
 }
 
 template <typename T>
+KEP_TARGET_AVX512 void downSampleKeptRowsAvx512(const T* src, T* dst, int height, int width, int outWidth,
+                                                int rowStart, int rowEnd) {
+    downSampleKeptRowsBody<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+}
+
+template <typename T>
 void downSampleKeptRows(const T* src, T* dst, int height, int width, int outWidth, int rowStart, int rowEnd,
                         KernelIsa isa) {
-    if (isa == KernelIsa::Avx2)
-        downSampleKeptRowsAvx2<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
-    else
-        downSampleKeptRowsBaseline<T>(src, dst, height, width, outWidth, rowStart, rowEnd);
+    switch (isa) {
+        case KernelIsa::Avx512: downSampleKeptRowsAvx512<T>(src, dst, height, width, outWidth, rowStart, rowEnd); break;
+        case KernelIsa::Avx2: downSampleKeptRowsAvx2<T>(src, dst, height, width, outWidth, rowStart, rowEnd); break;
+        default: downSampleKeptRowsBaseline<T>(src, dst, height, width, outWidth, rowStart, rowEnd); break;
+    }
 }
 
 template <typename T>
@@ -203,13 +210,8 @@ KEP_KERNEL_BODY void verticalRowBody(const int* a, const int* b, const int* c, s
         for (int x = 0; x < n; ++x) out[x] = static_cast<short>((4 * b[x] + 4 * c[x]) / 256);
 }
 
-void verticalRowBaseline(const int* a, const int* b, const int* c, short* out, int n, bool centre) {
-    verticalRowBody(a, b, c, out, n, centre);
-}
-
-KEP_TARGET_AVX2 void verticalRowAvx2(const int* a, const int* b, const int* c, short* out, int n, bool centre) {
-    verticalRowBody(a, b, c, out, n, centre);
-}
+KEP_ROW_KERNEL(verticalRow, (const int* a, const int* b, const int* c, short* out, int n, bool centre),
+               (a, b, c, out, n, centre))
 
 // Horizontal pass over the quad columns of one source row, a[] and b[] holding the
 // even and odd sites times four with one clamped quad on each side.
@@ -222,13 +224,7 @@ KEP_KERNEL_BODY void horizontalRowBody(const short* a, const short* b, int* out,
     }
 }
 
-void horizontalRowBaseline(const short* a, const short* b, int* out, int quadCols) {
-    horizontalRowBody(a, b, out, quadCols);
-}
-
-KEP_TARGET_AVX2 void horizontalRowAvx2(const short* a, const short* b, int* out, int quadCols) {
-    horizontalRowBody(a, b, out, quadCols);
-}
+KEP_ROW_KERNEL(horizontalRow, (const short* a, const short* b, int* out, int quadCols), (a, b, out, quadCols))
 
 }  // namespace
 
@@ -260,10 +256,7 @@ void UpSampledRows::row(int y, short* out) {
     filteredQuadRow(quad - 1, prev);
     filteredQuadRow(quad, cur);
     filteredQuadRow(quad + 1, next);
-    if (isa_ == KernelIsa::Avx2)
-        verticalRowAvx2(prev[site], cur[site], next[site], out, outCols_, phase < 2);
-    else
-        verticalRowBaseline(prev[site], cur[site], next[site], out, outCols_, phase < 2);
+    verticalRow(isa_, prev[site], cur[site], next[site], out, outCols_, phase < 2);
 }
 
 int UpSampledRows::sourceRow(int quad, int site) const {
@@ -303,10 +296,7 @@ void UpSampledRows::horizontal(const short* in, int* out) {
     b[0] = b[1];
     a[quadCols_ + 1] = a[quadCols_];
     b[quadCols_ + 1] = b[quadCols_];
-    if (isa_ == KernelIsa::Avx2)
-        horizontalRowAvx2(a, b, out, quadCols_);
-    else
-        horizontalRowBaseline(a, b, out, quadCols_);
+    horizontalRow(isa_, a, b, out, quadCols_);
 }
 
 }  // namespace pyramid_rows

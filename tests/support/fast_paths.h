@@ -13,11 +13,14 @@ namespace fasttest {
 // The compilations of the row kernels this processor runs (baseline always).
 inline std::vector<KernelIsa> availableIsas() {
     std::vector<KernelIsa> isas = {KernelIsa::Baseline};
-    if (bestKernelIsa() == KernelIsa::Avx2) isas.push_back(KernelIsa::Avx2);
+    if (cpuHasAvx2()) isas.push_back(KernelIsa::Avx2);
+    if (cpuHasAvx512()) isas.push_back(KernelIsa::Avx512);
     return isas;
 }
 
-inline std::string isaName(KernelIsa isa) { return isa == KernelIsa::Avx2 ? "avx2" : "baseline"; }
+inline std::string isaName(KernelIsa isa) {
+    return isa == KernelIsa::Avx512 ? "avx512" : isa == KernelIsa::Avx2 ? "avx2" : "baseline";
+}
 
 // n samples in [lo, hi], about a quarter of them at each extreme so that sums and
 // products reach their limits.
