@@ -321,6 +321,23 @@ void laplacianQuadRows(short* level, int h, int w, const short* next, int hn, in
     }
 }
 
+// Laplacian step of one level on four workers (bands of quad rows): level (h x w)
+// minus the up-sampled next level (hn x wn), then the detail gains of level
+// `levelIndex`. Applies when fusedLaplacianLevelApplies holds.
+bool fusedLaplacianLevelApplies(const short* level, int h, int w, const short* next, int hn, int wn) {
+    return h % 2 == 0 && w % 2 == 0 &&
+           pyramid_rows::separableUpSampleApplies(next, level, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn),
+                                                  2 * static_cast<std::ptrdiff_t>(w), h - 2 * hn, w - 2 * wn);
+}
+
+void laplacianLevel(short* level, int h, int w, const short* next, int hn, int wn, int levelIndex, float gain0,
+                    float gain1, int gainMaxLevel) {
+    const KernelIsa isa = bestKernelIsa();
+    runOnFourStripes(h / 2, [&](int quadStart, int quadEnd) {
+        laplacianQuadRows(level, h, w, next, hn, wn, levelIndex, gain0, gain1, gainMaxLevel, quadStart, quadEnd, isa);
+    });
+}
+
 }  // namespace
 
 void imageDownSamplePlain(short* src, short* dst, int height, int width, int outHeight, int outWidth) {
@@ -469,20 +486,6 @@ void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual,
         h = hn;
         w = wn;
     }
-}
-
-bool fusedLaplacianLevelApplies(const short* level, int h, int w, const short* next, int hn, int wn) {
-    return h % 2 == 0 && w % 2 == 0 &&
-           pyramid_rows::separableUpSampleApplies(next, level, hn, wn, 2 * static_cast<std::ptrdiff_t>(wn),
-                                                  2 * static_cast<std::ptrdiff_t>(w), h - 2 * hn, w - 2 * wn);
-}
-
-void laplacianLevel(short* level, int h, int w, const short* next, int hn, int wn, int levelIndex, float gain0,
-                    float gain1, int gainMaxLevel) {
-    const KernelIsa isa = bestKernelIsa();
-    runOnFourStripes(h / 2, [&](int quadStart, int quadEnd) {
-        laplacianQuadRows(level, h, w, next, hn, wn, levelIndex, gain0, gain1, gainMaxLevel, quadStart, quadEnd, isa);
-    });
 }
 
 void laplacianPyramid(short*, std::vector<short*>* pyramid, short* shallowResidual, int width, int height,

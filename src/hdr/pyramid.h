@@ -98,13 +98,6 @@ void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual,
 void reconstructLaplacianPyramidPlain(std::vector<short*>* pyramid, std::vector<int*>* levelSizes, int levelCount,
                                       int whiteLevel);
 
-// Laplacian step of one level on four workers (bands of quad rows): level (h x w)
-// minus the up-sampled next level (hn x wn), then the detail gains of level
-// `levelIndex`. Applies when fusedLaplacianLevelApplies holds.
-bool fusedLaplacianLevelApplies(const short* level, int h, int w, const short* next, int hn, int wn);
-void laplacianLevel(short* level, int h, int w, const short* next, int hn, int wn, int levelIndex, float gain0,
-                    float gain1, int gainMaxLevel);
-
 // Plain up-sampling, step by step as described above (zero-filled scratch image,
 // then the generic filter). Safe for any sizes: quads are written only where they
 // fit, the remainder columns need width >= 2, the remainder rows need H2 >= 6.
