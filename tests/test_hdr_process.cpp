@@ -168,7 +168,8 @@ TEST(HdrStages, FusedBandsMatchStageByStage) {
         float red, blue, ratio;
     };
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (Gains g : {Gains{1.9f, 1.6f, 2.0f}, Gains{0.7f, 3.0f, 9.0f}, Gains{1e30f, nan, 0.5f}, Gains{0.0f, 1.0f, 1.0f}}) {
+    for (Gains g :
+         {Gains{1.9f, 1.6f, 2.0f}, Gains{0.7f, 3.0f, 9.0f}, Gains{1e30f, nan, 0.5f}, Gains{0.0f, 1.0f, 1.0f}}) {
         for (int pattern : {0, 1, 2, 3, 5}) {
             std::vector<S16> raw(3);
             for (auto& f : raw) f = fasttest::randomSamples<short>(rng, n, -100, 1300);

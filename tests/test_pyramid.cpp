@@ -299,7 +299,8 @@ TEST(Pyramid, BandedLaplacianAndCollapseMatchPlainDefinitions) {
                          c.gain1, 3);
         laplacianPyramidPlain(&plain.levels, plainResidual.data(), c.w, c.h, c.levels, c.shallow, c.gain0, c.gain1,
                               3);
-        for (int i = 0; i < c.levels; ++i) ASSERT_EQ(fast.storage[i], plain.storage[i]) << c.h << "x" << c.w << " @" << i;
+        for (int i = 0; i < c.levels; ++i)
+            ASSERT_EQ(fast.storage[i], plain.storage[i]) << c.h << "x" << c.w << " @" << i;
         ASSERT_EQ(fastResidual, plainResidual);
 
         reconstructLaplacianPyramid(&fast.levels, &sizes.pointers, c.levels, 1023);

@@ -193,11 +193,20 @@ TEST(ToneOps, FastFormsMatchPlainDefinitions) {
                     dataRangeCompression(inPlace.data(), inPlace.data(), width, height, 1023, blend, 0.55f);
                     ASSERT_EQ(table, plain) << width << "x" << height << " blend " << blend;
                     ASSERT_EQ(inPlace, plainInPlace) << width << "x" << height;
+                    for (KernelIsa isa : fasttest::availableIsas()) {  // the in-place row form, each compilation
+                        int brightest = 0, darkest = 1 << 30;
+                        tone_detail::quadMeanRange(src.data(), width, 0, height / 2, &brightest, &darkest, isa);
+                        const tone_detail::RangeCompressionTable factors(brightest, darkest, 1023, blend, 0.55f);
+                        Frame rows = src;
+                        factors.compressQuadRows(rows.data(), rows.data(), width, 0, height / 2, isa);
+                        ASSERT_EQ(rows, plainInPlace) << width << "x" << height << " " << fasttest::isaName(isa);
+                    }
                 }
                 for (int pattern : {0, 1, 2, 3, 5}) {
                     for (int white : {1023, 1000, 1}) {
                         Frame separate = src, inPlace = src;
-                        greenAttenuation(const_cast<short*>(src.data()), separate.data(), width, height, white, pattern);
+                        greenAttenuation(const_cast<short*>(src.data()), separate.data(), width, height, white,
+                                         pattern);
                         greenAttenuation(inPlace.data(), inPlace.data(), width, height, white, pattern);
                         ASSERT_EQ(inPlace, separate) << width << "x" << height << " white " << white;
                     }

@@ -34,7 +34,8 @@ void accumulateLevel(short* source, unsigned short* weight, short* accumulator, 
 // known to hold zeros and are not read: c + 0.0f is c for every finite c (and
 // -0.0f + 0.0f truncates to the same 0), so the stored values are the same.
 template <bool Start>
-KEP_KERNEL_BODY void fuseRowTwice(const short* laplacian, const unsigned short* weight, short* first, short* second, int n) {
+KEP_KERNEL_BODY void fuseRowTwice(const short* laplacian, const unsigned short* weight, short* first, short* second,
+                                  int n) {
     for (int x = 0; x < n; ++x) {
         const float c = (static_cast<float>(weight[x]) / 1023.0f) * static_cast<float>(laplacian[x]);
         if (Start) {

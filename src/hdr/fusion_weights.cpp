@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hdr/bayer_filter.h"
+#include "hdr/tone_rows.h"
 #include "imgcore/fast_paths.h"
 #include "imgcore/row_stripes.h"
 #include "imgcore/simd_dispatch.h"
@@ -233,11 +234,6 @@ struct WeightJob {
     KernelIsa isa;
 };
 
-// out[x] = table[index[x]], the arrays declared apart so that wide vectors gather.
-KEP_KERNEL_BODY void lookUp(const float* __restrict table, const int* __restrict index, float* __restrict out, int n) {
-    for (int x = 0; x < n; ++x) out[x] = table[index[x]];
-}
-
 // Scratch rows of one worker for normalizedRow.
 struct RowScratch {
     std::vector<float> last, keepShare, moveShare, a, b;
@@ -260,8 +256,8 @@ KEP_KERNEL_BODY void frameWeightRow(const unsigned short* intensity, unsigned sh
     float* b = scratch.b.data();
     int* index = scratch.index.data();
     for (int x = 0; x < width; ++x) index[x] = std::min(static_cast<int>(intensity[x]), whiteLevel);
-    lookUp(curveAtCenter, index, a, width);
-    lookUp(curveAboveCenter, index, b, width);
+    tone_rows::lookUp(curveAtCenter, index, a, width);
+    tone_rows::lookUp(curveAboveCenter, index, b, width);
     const float* L = scratch.last.data();
     const float* keep = scratch.keepShare.data();
     const float* move = scratch.moveShare.data();
@@ -618,7 +614,8 @@ void fusion_detail::calculateWeightPlain(std::vector<unsigned short*>* intensiti
     std::unique_ptr<int[]> sum(new int[pixels]());
     for (int k = 0; k < frameCount; ++k) {
         unsigned short* w = (*weights)[k];
-        runOnFourStripes(height, [&](int rowStart, int rowEnd) { calculateSumWeight(sum.get(), w, rowStart, rowEnd, width); });
+        runOnFourStripes(height,
+                         [&](int rowStart, int rowEnd) { calculateSumWeight(sum.get(), w, rowStart, rowEnd, width); });
     }
 
     // Every frame is normalised by the sum of the unsmoothed weights, then smoothed.

@@ -176,11 +176,6 @@ struct ToneSetup {
     float levels[4];
 };
 
-// out[x] = table[index[x]], the arrays declared apart so that wide vectors gather.
-KEP_KERNEL_BODY void lookUp(const float* __restrict table, const int* __restrict index, float* __restrict out, int n) {
-    for (int x = 0; x < n; ++x) out[x] = table[index[x]];
-}
-
 struct ToneScratch {
     std::vector<int> fullIndex, shallowIndex, index;
     std::vector<float> fullRatio, shallowRatio;
@@ -204,8 +199,8 @@ KEP_KERNEL_BODY void toneQuadRowBody(short* full, const short* shallow, short* o
         fullIndex[j] = std::min(tone_rows::quadMean(f0, f1, 2 * j), p.fullTop) - p.fullLowest;
         shallowIndex[j] = std::min(tone_rows::quadMean(s0, s1, 2 * j), p.shallowTop) - p.shallowLowest;
     }
-    lookUp(p.fullRatios, fullIndex, fullRatio, quads);
-    lookUp(p.shallowRatios, shallowIndex, shallowRatio, quads);
+    tone_rows::lookUp(p.fullRatios, fullIndex, fullRatio, quads);
+    tone_rows::lookUp(p.shallowRatios, shallowIndex, shallowRatio, quads);
     int* index = scratch.index.data();
     const float white = p.white, alpha = p.alpha, beta = p.beta;
     const int top = p.top;
@@ -266,7 +261,8 @@ void prepareFramesPlain(const std::vector<short*>& frames, int width, int height
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     for (int k = 0; k < n; ++k)
         removeBlackLevelAndGain(frames[k], width, height, bracketGain(exposureRatio, k, n), blackLevels, whiteLevel);
-    for (int k = 0; k < n; ++k) whiteBalanceFrame(frames[k], width, height, redGain, blueGain, whiteLevel, bayerPattern);
+    for (int k = 0; k < n; ++k)
+        whiteBalanceFrame(frames[k], width, height, redGain, blueGain, whiteLevel, bayerPattern);
     for (int k = 0; k < n; ++k) {
         createGammaTbl(gammaTable, whiteLevel, gammaExponent(k));
         mapThroughTable(frames[k], pixels, gammaTable, whiteLevel);
@@ -349,7 +345,7 @@ void toneStagesFused(short* full, short* shallow, short* output, int width, int 
             brightest[image][k] = 0;
             darkest[image][k] = INT_MAX;
             tone_detail::quadMeanRange(image == 0 ? full : shallow, width, stripeStart(quadRows, k),
-                                       stripeEnd(quadRows, k), &brightest[image][k], &darkest[image][k]);
+                                       stripeEnd(quadRows, k), &brightest[image][k], &darkest[image][k], isa);
         }
     });
     for (int image = 0; image < 2; ++image)
@@ -403,8 +399,8 @@ void toneStagesFused(short* full, short* shallow, short* output, int width, int 
                 toneQuadRow(isa, full + offset, shallow + offset, output + offset, width, setup, scratch);
                 continue;
             }
-            fullTable.compressQuadRows(full, full, width, q, q + 1);
-            shallowTable.compressQuadRows(shallow, shallow, width, q, q + 1);
+            fullTable.compressQuadRows(full, full, width, q, q + 1, isa);
+            shallowTable.compressQuadRows(shallow, shallow, width, q, q + 1, isa);
             alphaFusion(full, shallow, full, 2 * q, 2 * q + 2, width, alpha, beta);
             mapThroughTable(full + offset, static_cast<size_t>(2) * width, gammaTable, whiteLevel);
             greenAttenuation(full + offset, full + offset, width, 2, whiteLevel, tuning.bayerPattern);

@@ -75,7 +75,8 @@ unsigned short intensityOfSite(Site site, const short* up, const short* mid, con
 // vectorises (stride-two loads, two stores per pair). Each pixel gets exactly the
 // arithmetic of intensityAt.
 template <Site Even, Site Odd>
-KEP_KERNEL_BODY void intensityPairs(const short* up, const short* mid, const short* down, unsigned short* out, int first, int pairs) {
+KEP_KERNEL_BODY void intensityPairs(const short* up, const short* mid, const short* down, unsigned short* out,
+                                    int first, int pairs) {
     for (int j = 0; j < pairs; ++j) {
         const int c = first + 2 * j;
         out[c] = intensityAt<Even>(up, mid, down, c);

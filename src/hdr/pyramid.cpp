@@ -388,7 +388,8 @@ void imageUpSampleReference(const short* src, short* dst, int height, int width,
         for (int dr = 0; dr < 2 && 2 * r + dr < outRows; ++dr) {
             const short* in = rowAt(src, srcStride, r + dr);
             for (int c = 0; c + 1 < width; c += 2)
-                for (int dc = 0; dc < 2 && 2 * c + dc < outCols; ++dc) at(2 * r + dr, 2 * c + dc) = timesFour(in[c + dc]);
+                for (int dc = 0; dc < 2 && 2 * c + dc < outCols; ++dc)
+                    at(2 * r + dr, 2 * c + dc) = timesFour(in[c + dc]);
             // Remainder columns repeat the source's last two columns on the same rows.
             if (remainder[1] != 0 && width >= 2 && outCols >= 2)
                 for (int k = 0; k < 2; ++k) at(2 * r + dr, outCols - 2 + k) = timesFour(in[width - 2 + k]);

@@ -128,7 +128,10 @@ void createGammaTbl(short* table, int whiteLevel, float gamma) {
 
 namespace tone_detail {
 
-void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest) {
+namespace {
+
+KEP_KERNEL_BODY void quadMeanRangeRowsBody(const short* src, int width, int quadRowStart, int quadRowEnd,
+                                           int* brightest, int* darkest) {
     const int quadCols = width / 2;
     int high = *brightest, low = *darkest;  // local reductions vectorise
     for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
@@ -142,6 +145,17 @@ void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd
     }
     *brightest = high;
     *darkest = low;
+}
+
+KEP_ROW_KERNEL(quadMeanRangeRows,
+               (const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest),
+               (src, width, quadRowStart, quadRowEnd, brightest, darkest))
+
+}  // namespace
+
+void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest,
+                   KernelIsa isa) {
+    quadMeanRangeRows(isa, src, width, quadRowStart, quadRowEnd, brightest, darkest);
 }
 
 RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
@@ -162,38 +176,42 @@ RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whi
     }
 }
 
-// Fast row form of the compression in place: the quad means of a quad row first
-// (vectorised), then the factors from the table (the only scalar loop), then the
-// scaling through one pointer per row (vectorised). Same arithmetic per sample.
-template <bool Checked>
-void compressQuadRowsInPlace(short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest,
-                             const float* ratios, float white) {
+namespace {
+
+// Fast row form of the compression in place, every factor safe: the quad means of a
+// quad row first, then the factors from the table, then the scaling through one
+// pointer per row; each loop vectorises. Same arithmetic per sample.
+KEP_KERNEL_BODY void compressRowsBody(short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest,
+                                      const float* ratios, float white, int* index, float* factor) {
     const int quads = width / 2;
-    std::vector<int> index(static_cast<std::size_t>(quads));
-    std::vector<float> factor(static_cast<std::size_t>(quads));
     for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
         short* r0 = image + static_cast<std::ptrdiff_t>(2 * qy) * width;
         short* r1 = r0 + width;
         for (int j = 0; j < quads; ++j) index[j] = std::min(quadMean(r0, r1, 2 * j), top) - lowest;
-        for (int j = 0; j < quads; ++j) factor[j] = ratios[index[j]];
+        lookUp(ratios, index, factor, quads);
         for (short* row : {r0, r1})
             for (int j = 0; j < quads; ++j) {
-                row[2 * j] = scaleAndClamp<Checked>(row[2 * j], factor[j], white);
-                row[2 * j + 1] = scaleAndClamp<Checked>(row[2 * j + 1], factor[j], white);
+                row[2 * j] = scaleAndClamp<false>(row[2 * j], factor[j], white);
+                row[2 * j + 1] = scaleAndClamp<false>(row[2 * j + 1], factor[j], white);
             }
     }
 }
 
+KEP_ROW_KERNEL(compressRows,
+               (short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest, const float* ratios,
+                float white, int* index, float* factor),
+               (image, width, quadRowStart, quadRowEnd, top, lowest, ratios, white, index, factor))
+
+}  // namespace
+
 void RangeCompressionTable::compressQuadRows(const short* src, short* dst, int width, int quadRowStart,
-                                             int quadRowEnd) const {
+                                             int quadRowEnd, KernelIsa isa) const {
     if (quadRowEnd <= quadRowStart) return;
-    if (src == dst && !ratios_.empty()) {
-        if (safe_)
-            compressQuadRowsInPlace<false>(dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(),
-                                           white_);
-        else
-            compressQuadRowsInPlace<true>(dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(),
-                                          white_);
+    if (src == dst && safe_ && !ratios_.empty()) {
+        std::vector<int> index(static_cast<std::size_t>(width / 2));
+        std::vector<float> factor(index.size());
+        compressRows(isa, dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(), white_, index.data(),
+                     factor.data());
         return;
     }
     const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(2 * quadRowStart) * width;
@@ -248,10 +266,11 @@ void dataRangeCompression(const short* src, short* dst, int width, int height, i
     const int quadRows = height / 2, quadCols = width / 2;
     if (quadRows == 0 || quadCols == 0) return;
     int brightest = 0, darkest = INT_MAX;
-    tone_detail::quadMeanRange(src, width, 0, quadRows, &brightest, &darkest);
+    const KernelIsa isa = bestKernelIsa();
+    tone_detail::quadMeanRange(src, width, 0, quadRows, &brightest, &darkest, isa);
     const tone_detail::RangeCompressionTable table(brightest, darkest, whiteLevel, rangeCompressionBlend,
                                                    rangeCompressionRatio);
-    table.compressQuadRows(src, dst, width, 0, quadRows);
+    table.compressQuadRows(src, dst, width, 0, quadRows, isa);
 }
 
 void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEnd, int width, float weightA,

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Per-sample tone and colour operators of the HDR path. Frames are width x height
 // signed 16-bit samples with stride width. Float-to-integer conversions truncate
@@ -52,16 +53,19 @@ void dataRangeCompressionPlain(const short* src, short* dst, int width, int heig
 
 // Folds the quad means ((sum of four) >> 2) of quad rows [quadRowStart, quadRowEnd)
 // of a frame `width` samples wide into *brightest (max) and *darkest (min).
-void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest);
+void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest,
+                   KernelIsa isa);
 
 // The range compression's factor table for a frame whose quad means span
 // [darkest, brightest] (brightest folded from 0, as the definition starts it),
-// applied a band of quad rows at a time; in place allowed.
+// applied a band of quad rows at a time; in place allowed (in place with safe
+// factors takes a vectorised row form in the compilation `isa`).
 class RangeCompressionTable {
 public:
     RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
                           float rangeCompressionRatio);
-    void compressQuadRows(const short* src, short* dst, int width, int quadRowStart, int quadRowEnd) const;
+    void compressQuadRows(const short* src, short* dst, int width, int quadRowStart, int quadRowEnd,
+                          KernelIsa isa) const;
 
     // The factor of a quad of mean q is ratios()[min(q, top()) - lowest()]; every
     // factor keeps the products in the int range when safe().

@@ -93,6 +93,12 @@ KEP_KERNEL_BODY void attenuateGreensInPlace(short* top, int width, int firstCol,
     }
 }
 
+// out[x] = table[index[x]], the arrays declared apart so that wide vectors gather
+// (a table that might overlap the output keeps the look-up loop scalar).
+KEP_KERNEL_BODY void lookUp(const float* __restrict table, const int* __restrict index, float* __restrict out, int n) {
+    for (int x = 0; x < n; ++x) out[x] = table[index[x]];
+}
+
 // Per-site gains of white balance (even/even, even/odd, odd/even, odd/odd) for a
 // pattern code; unknown codes (negative ones too) give zeros.
 inline void whiteBalanceGains(float redGain, float blueGain, int bayerPattern, float gains[4]) {
