@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hdr/bayer_filter.h"
+#include "support/fast_paths.h"
 
 namespace {
 
@@ -15,44 +16,6 @@ int foldedIndex(int P, int b, int d, int n) {
     while (p < 0) p += d;
     while (p >= n) p -= d;
     return p;
-}
-
-struct Kernel9 {
-    int k[9][9] = {};
-};
-
-Kernel9 binomialKernel() {
-    const int taps[5] = {1, 4, 6, 4, 1};
-    Kernel9 kernel;
-    for (int i = 0; i < 5; ++i)
-        for (int j = 0; j < 5; ++j) kernel.k[2 * i][2 * j] = taps[i] * taps[j];
-    return kernel;
-}
-
-// The low-pass by its definition: border-4 extension, then the sparse-tap worker over all rows.
-template <typename T, typename Extend, typename Filter>
-std::vector<T> lowPassByDefinition(const std::vector<T>& src, int width, int height, Extend extend, Filter filter) {
-    std::vector<T> ext(static_cast<size_t>(width + 8) * (height + 8));
-    std::vector<T> in(src);
-    extend(in.data(), ext.data(), 4, height, width);
-    Kernel9 kernel = binomialKernel();
-    std::vector<T> out(src.size());
-    filter(ext.data(), kernel.k, out.data(), 4, height + 4, 4, width + 4, 4, width + 8, width, 256.0f);
-    return out;
-}
-
-// Per-pixel sparse-tap filter written out plainly, accumulation order i outer, j inner.
-template <typename T>
-void naiveSparseFilter(const T* ext, const Kernel9& kernel, T* dst, int rowStart, int rowEnd, int colStart,
-                       int colEnd, int radius, int stride, int dstWidth, float norm) {
-    for (int r = rowStart; r < rowEnd; ++r)
-        for (int c = colStart; c < colEnd; ++c) {
-            float sum = 0.0f;
-            for (int i = -radius; i <= radius; i += 2)
-                for (int j = -radius; j <= radius; j += 2)
-                    sum += static_cast<float>(kernel.k[radius + i][radius + j] * ext[(r + i) * stride + c + j]);
-            dst[(r - radius) * dstWidth + (c - radius)] = static_cast<T>(static_cast<int>(std::trunc(sum / norm)));
-        }
 }
 
 TEST(BayerExtension, BorderSamplesRepeatSameColourSites) {
@@ -162,65 +125,55 @@ TEST(BayerLowPass, ConstantStaysConstantAndImpulseGivesSameColourBinomial) {
         }
 }
 
-TEST(BayerLowPass, FastPathMatchesSparseTapDefinition) {
+TEST(BayerLowPass, FastPathsMatchPlainDefinitions) {
+    // The separable integer low-pass against the float sums of the sparse-tap
+    // definition: random and extreme samples (the sums reach 256 * 65535), widths
+    // around every vector length, in place too.
     std::mt19937 rng(1234);
-    const int sizes[][2] = {{2, 2}, {4, 6}, {13, 3}, {18, 7}, {27, 9}, {33, 17}, {40, 22}};
-    for (const auto& wh : sizes) {
-        const int width = wh[0], height = wh[1];
-        std::uniform_int_distribution<int> full(-32768, 32767), wide(0, 65535), coin(0, 3);
-        std::vector<short> s(width * height);
-        std::vector<unsigned short> u(width * height);
-        for (int i = 0; i < width * height; ++i) {
-            // A quarter of the samples at the extremes so that the sums reach their limits.
-            const int pick = coin(rng);
-            s[i] = static_cast<short>(pick == 0 ? -32768 : pick == 1 ? 32767 : full(rng));
-            u[i] = static_cast<unsigned short>(pick == 0 ? 0 : pick == 1 ? 65535 : wide(rng));
+    for (int height : {1, 2, 5, 9}) {
+        for (int width = 1; width <= 34; ++width) {
+            const size_t n = static_cast<size_t>(width) * height;
+            std::vector<short> s = fasttest::randomSamples<short>(rng, n, -32768, 32767), sFast(n), sPlain(n);
+            lowPassFilteringForBayer_short(s.data(), sFast.data(), width, height);
+            bayer_filter_detail::lowPassFilteringForBayerPlain(s.data(), sPlain.data(), width, height);
+            ASSERT_EQ(sFast, sPlain) << width << "x" << height;
+            lowPassFilteringForBayer_short(s.data(), s.data(), width, height);
+            ASSERT_EQ(s, sPlain) << "in place " << width << "x" << height;
+
+            std::vector<unsigned short> u = fasttest::randomSamples<unsigned short>(rng, n, 0, 65535), uFast(n),
+                                        uPlain(n);
+            lowPassFilteringForBayer_ushort(u.data(), uFast.data(), width, height);
+            bayer_filter_detail::lowPassFilteringForBayerPlain(u.data(), uPlain.data(), width, height);
+            ASSERT_EQ(uFast, uPlain) << width << "x" << height;
         }
-        // A block of extreme values gives the extreme sums.
-        for (int y = 0; y < std::min(height, 5); ++y)
-            for (int x = 0; x < std::min(width, 5); ++x) s[y * width + x] = -32768, u[y * width + x] = 65535;
-
-        const std::vector<short> sRef =
-            lowPassByDefinition(s, width, height, imageExtensionForBayer_short, filteringProcess_short);
-        std::vector<short> sOut(s.size());
-        lowPassFilteringForBayer_short(s.data(), sOut.data(), width, height);
-        EXPECT_EQ(sOut, sRef) << width << "x" << height;
-        lowPassFilteringForBayer_short(s.data(), s.data(), width, height);
-        EXPECT_EQ(s, sRef) << "in place " << width << "x" << height;
-
-        const std::vector<unsigned short> uRef =
-            lowPassByDefinition(u, width, height, imageExtensionForBayer_ushort, filteringProcess_ushort);
-        std::vector<unsigned short> uOut(u.size());
-        lowPassFilteringForBayer_ushort(u.data(), uOut.data(), width, height);
-        EXPECT_EQ(uOut, uRef) << width << "x" << height;
     }
-}
 
-TEST(BayerLowPass, SparseTapWorkerKeepsTapOrderAndIgnoresOddTaps) {
-    // A kernel with negative and non-power-of-two taps makes the float sums inexact, so
-    // any change of accumulation order shows; taps on odd rows or columns must be unused.
-    std::mt19937 rng(99);
-    std::uniform_int_distribution<int> tap(-2000, 2000), sample(-32768, 32767);
+    // The loop-interchanged worker against the per-pixel one with arbitrary kernels:
+    // negative, non-power-of-two taps make the float sums inexact, so any change of
+    // accumulation order shows; taps on odd rows or columns must stay unused.
+    std::uniform_int_distribution<int> tap(-2000, 2000);
     for (int radius : {4, 3, 1}) {
-        Kernel9 kernel;
-        for (auto& row : kernel.k)
+        int kernel[9][9];
+        for (auto& row : kernel)
             for (int& k : row) k = tap(rng);
-        kernel.k[radius][radius] = 0;  // a zero tap on the visited grid
+        kernel[radius][radius] = 0;  // a zero tap on the visited grid
         const int width = 23, height = 9, stride = width + 2 * radius;
-        std::vector<short> ext(stride * (height + 2 * radius));
-        for (short& v : ext) v = static_cast<short>(sample(rng));
+        const size_t extended = static_cast<size_t>(stride) * (height + 2 * radius);
+        std::vector<short> ext = fasttest::randomSamples<short>(rng, extended, -32768, 32767);
         std::vector<short> got(width * height, 5), want(width * height, 5);
-        filteringProcess_short(ext.data(), kernel.k, got.data(), radius + 1, height + radius, radius,
+        filteringProcess_short(ext.data(), kernel, got.data(), radius + 1, height + radius, radius,
                                width + radius - 2, radius, stride, width, 3.7f);
-        naiveSparseFilter(ext.data(), kernel, want.data(), radius + 1, height + radius, radius, width + radius - 2,
-                          radius, stride, width, 3.7f);
+        bayer_filter_detail::filterSparseTapsPlain<short>(ext.data(), kernel, want.data(), radius + 1,
+                                                          height + radius, radius, width + radius - 2, radius, stride,
+                                                          width, 3.7f);
         EXPECT_EQ(got, want) << "radius " << radius;
 
         std::vector<unsigned short> uext(ext.begin(), ext.end()), ugot(width * height), uwant(width * height);
-        filteringProcess_ushort(uext.data(), kernel.k, ugot.data(), radius, height + radius, radius, width + radius,
+        filteringProcess_ushort(uext.data(), kernel, ugot.data(), radius, height + radius, radius, width + radius,
                                 radius, stride, width, 3.7f);
-        naiveSparseFilter(uext.data(), kernel, uwant.data(), radius, height + radius, radius, width + radius, radius,
-                          stride, width, 3.7f);
+        bayer_filter_detail::filterSparseTapsPlain<unsigned short>(uext.data(), kernel, uwant.data(), radius,
+                                                                   height + radius, radius, width + radius, radius,
+                                                                   stride, width, 3.7f);
         EXPECT_EQ(ugot, uwant) << "radius " << radius;
     }
 }

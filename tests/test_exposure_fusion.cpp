@@ -9,6 +9,7 @@
 
 #include "hdr/exposure_fusion.h"
 #include "hdr/pyramid.h"
+#include "support/fast_paths.h"
 #include "support/hdr_scene.h"
 
 namespace {
@@ -155,6 +156,58 @@ TEST(ExposureFusion, ShallowDepthIsCappedAtTheFullDepth) {
         for (int i = 0; i < levels; ++i) EXPECT_EQ(run.shallow[i], run.full[i]) << "level " << i;
         if (shallowLevels > levels) {
             for (short v : run.shallow[levels]) ASSERT_EQ(v, 0);
+        }
+    }
+}
+
+// The one-pass-per-level fusion (each compilation, with and without the
+// zero-accumulator promise) against the plain frame-by-frame definition: random
+// frames and weights, odd-half level sizes, detail gains that are and are not 1,
+// shallow depths from 1 to the full depth.
+TEST(ExposureFusion, FusedLevelsMatchPlainDefinition) {
+    std::mt19937 rng(11);
+    struct Case {
+        int width, height, levels, shallow;
+        float gain0, gain1;
+    };
+    for (Case c : {Case{124, 92, 6, 4, 1.0f, 1.0f}, Case{60, 46, 4, 1, 0.9f, 1.2f}, Case{30, 22, 3, 3, 1.0f, 0.8f},
+                   Case{34, 10, 1, 1, 1.0f, 1.0f}}) {
+        std::vector<S16> frames;
+        std::vector<U16> weights;
+        for (int k = 0; k < 4; ++k) {
+            frames.push_back(fasttest::randomSamples<short>(rng, size_t(c.width) * c.height, 0, 1023));
+            weights.push_back(fasttest::randomSamples<unsigned short>(rng, size_t(c.width) * c.height, 0, 1023));
+        }
+        FusionRun plain(c.width, c.height, c.levels, c.shallow, frames, weights);
+        {
+            std::vector<short*> f, fp, sp;
+            std::vector<unsigned short*> w;
+            for (auto& x : plain.frames) f.push_back(x.data());
+            for (auto& x : plain.weights) w.push_back(x.data());
+            for (auto& x : plain.full) fp.push_back(x.data());
+            for (auto& x : plain.shallow) sp.push_back(x.data());
+            exposure_fusion_detail::exposureFusionPlain(&w, &f, &fp, &sp, &plain.levelSizes, c.height, c.width, 4,
+                                                        c.levels, c.shallow, c.gain0, c.gain1, 3);
+        }
+        for (KernelIsa isa : fasttest::availableIsas()) {
+            for (bool startAtZero : {false, true}) {
+                FusionRun fast(c.width, c.height, c.levels, c.shallow, frames, weights);
+                if (startAtZero) {  // garbage where the promise says nothing is read
+                    for (auto& level : fast.full) std::fill(level.begin(), level.end(), short(-777));
+                    for (auto& level : fast.shallow) std::fill(level.begin(), level.end(), short(555));
+                }
+                std::vector<short*> f, fp, sp;
+                std::vector<unsigned short*> w;
+                for (auto& x : fast.frames) f.push_back(x.data());
+                for (auto& x : fast.weights) w.push_back(x.data());
+                for (auto& x : fast.full) fp.push_back(x.data());
+                for (auto& x : fast.shallow) sp.push_back(x.data());
+                exposure_fusion_detail::exposureFusionInto(&w, &f, &fp, &sp, &fast.levelSizes, c.height, c.width, 4,
+                                                           c.levels, c.shallow, c.gain0, c.gain1, 3, startAtZero, isa);
+                ASSERT_EQ(fast.full, plain.full) << c.width << "x" << c.height << " " << fasttest::isaName(isa);
+                ASSERT_EQ(fast.shallow, plain.shallow) << c.width << "x" << c.height;
+                ASSERT_EQ(fast.frames, plain.frames) << c.width << "x" << c.height;
+            }
         }
     }
 }

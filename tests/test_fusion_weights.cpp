@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hdr/fusion_weights.h"
+#include "support/fast_paths.h"
 
 namespace {
 
@@ -185,19 +186,19 @@ TEST(FusionWeights, NormalisationSharesEvenlyAndRoundsHalvesAway) {
     EXPECT_EQ(weight[4], 682);
     EXPECT_EQ(weight[5], 0);
 
-    // The branch-free rounding against roundf on random data, several widths.
+    // The branch-free form against the plain definition on random data, widths
+    // around every vector length, sums of 0 and weights equal to their sum.
     std::mt19937 rng(7);
-    for (int cols : {1, 7, 8, 15, 16, 17, 31, 64, 100}) {
+    for (int cols = 1; cols <= 33; ++cols) {
         const int rows = 3;
-        U16 wv(cols * rows), expected(cols * rows);
+        U16 wv(cols * rows);
         std::vector<int> sv(cols * rows);
         for (int p = 0; p < cols * rows; ++p) {
             wv[p] = static_cast<unsigned short>(rng() % (p % 5 == 0 ? 65536 : 1024));
-            sv[p] = p % 7 == 0 ? 0 : static_cast<int>(rng() % 4096) + (p % 3 == 0 ? wv[p] : 1);
-            expected[p] = sv[p] == 0 ? 255
-                                     : static_cast<unsigned short>(static_cast<int>(
-                                           roundf((static_cast<float>(wv[p]) / static_cast<float>(sv[p])) * 1023.0f)));
+            sv[p] = p % 7 == 0 ? 0 : p % 3 == 0 ? wv[p] : static_cast<int>(rng() % 4096) + wv[p];
         }
+        U16 expected = wv;
+        fusion_detail::normalizeWeightPlain(expected.data(), sv.data(), 0, rows, cols, 4, 1023);
         normalizeWeight(wv.data(), sv.data(), 0, rows, cols, 4, 1023);
         ASSERT_EQ(wv, expected) << "width " << cols;
     }
@@ -219,6 +220,27 @@ TEST(FusionWeights, HighlightMapRampsAndSteepens) {
         previous = v;
     }
     EXPECT_GE(previous, 99);
+
+    // The branch-free row form (each compilation) against the definition, for every
+    // last-frame value of the range and beyond, and differences up to the maximum.
+    for (int white : {1023, 255, 8, 7}) {
+        U16 last, previous;
+        for (int a = 0; a <= 1100; ++a)
+            for (int b : {0, a / 3, a, 65535}) {
+                last.push_back(static_cast<unsigned short>(a));
+                previous.push_back(static_cast<unsigned short>(b));
+            }
+        last.push_back(65535);
+        previous.push_back(0);
+        for (KernelIsa isa : fasttest::availableIsas()) {
+            U16 row(last.size());
+            fusion_detail::highlightRow(last.data(), previous.data(), row.data(), static_cast<int>(row.size()), white,
+                                        isa);
+            for (size_t i = 0; i < row.size(); ++i)
+                ASSERT_EQ(row[i], highlightValue(last[i], previous[i], white))
+                    << last[i] << "," << previous[i] << " white " << white << " " << fasttest::isaName(isa);
+        }
+    }
 }
 
 TEST(FusionWeights, BinomialSmoothingMatchesPlainDefinition) {
@@ -252,6 +274,47 @@ TEST(FusionWeights, BinomialSmoothingMatchesPlainDefinition) {
         lowPassFilteringForWeight_ushort(flat.data(), flat.data(), width, height);
         for (unsigned short v : flat) ASSERT_EQ(v, 777) << width << "x" << height;
     }
+}
+
+// The streamed weights (each compilation) against the step-by-step definition:
+// widths around every vector length, heights down to 2 (stripes of one row or
+// none, halo rows from two stripes away), one to four frames, the lists shared or
+// not, steep and flat curves.
+TEST(FusionWeights, StreamedWeightsMatchPlainDefinition) {
+    std::mt19937 rng(17);
+    const int sizes[][2] = {{2, 2}, {33, 3}, {17, 5}, {8, 6}, {40, 13}, {9, 2}};
+    for (const auto& wh : sizes) {
+        const int width = wh[0], height = wh[1], n = width * height;
+        for (int frames : {1, 2, 4}) {
+            std::vector<U16> maps(frames);
+            for (auto& m : maps) m = fasttest::randomSamples<unsigned short>(rng, n, 0, 1023);
+            for (float scale : {1.0f, 40.0f}) {
+                std::vector<U16> plain = maps;
+                std::vector<unsigned short*> plainList;
+                for (auto& m : plain) plainList.push_back(m.data());
+                fusion_detail::calculateWeightPlain(&plainList, &plainList, width, height, frames, 511, 1023, scale);
+                for (KernelIsa isa : fasttest::availableIsas()) {
+                    std::vector<U16> shared = maps, separate(frames, U16(n, 0xBEEF));
+                    std::vector<unsigned short*> sharedList, inList, outList;
+                    for (auto& m : shared) sharedList.push_back(m.data());
+                    for (auto& m : maps) inList.push_back(m.data());
+                    for (auto& m : separate) outList.push_back(m.data());
+                    ASSERT_TRUE(fusion_detail::calculateWeightStreamed(&sharedList, &sharedList, width, height, frames,
+                                                                       511, 1023, scale, isa));
+                    ASSERT_TRUE(fusion_detail::calculateWeightStreamed(&inList, &outList, width, height, frames, 511,
+                                                                       1023, scale, isa));
+                    ASSERT_EQ(shared, plain) << width << "x" << height << " frames " << frames << " "
+                                             << fasttest::isaName(isa);
+                    ASSERT_EQ(separate, plain) << width << "x" << height << " frames " << frames;
+                }
+            }
+        }
+    }
+    // Where it does not apply it writes nothing and says so.
+    U16 one(4, 7);
+    std::vector<unsigned short*> list = {one.data()};
+    EXPECT_FALSE(fusion_detail::calculateWeightStreamed(&list, &list, 4, 1, 1, 511, 1023, 1.0f, KernelIsa::Baseline));
+    EXPECT_EQ(one, U16(4, 7));
 }
 
 }  // namespace

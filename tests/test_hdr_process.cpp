@@ -12,6 +12,7 @@
 
 #include "hdr/hdr_process.h"
 #include "hdr/tone_ops.h"
+#include "support/fast_paths.h"
 #include "support/hdr_scene.h"
 
 namespace {
@@ -153,6 +154,55 @@ TEST(HdrStages, BlackLevelRestoreTakesTheScaleFromTheFirstLevel) {
     S16 bright = {2046, 2046, 2046, 2046};  // only the upper bound is clamped
     hdr_detail::restoreBlackLevel(bright.data(), 2, 2, black, 1023);
     EXPECT_EQ(bright, (S16{1023, 1023, 1023, 1023}));
+}
+
+// The driver's fused bands (each compilation) against the stage-by-stage plain
+// order, before and after the pyramids: random and extreme samples, every pattern
+// (5 writes zeros through white balance), gains that keep every conversion in
+// range and gains that send the bands back to the stage functions.
+TEST(HdrStages, FusedBandsMatchStageByStage) {
+    std::mt19937 rng(5);
+    const int width = 38, height = 14, n = width * height;
+    const int black[4] = {64, 60, 70, 80};
+    struct Gains {
+        float red, blue, ratio;
+    };
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (Gains g :
+         {Gains{1.9f, 1.6f, 2.0f}, Gains{0.7f, 3.0f, 9.0f}, Gains{1e30f, nan, 0.5f}, Gains{0.0f, 1.0f, 1.0f}}) {
+        for (int pattern : {0, 1, 2, 3, 5}) {
+            std::vector<S16> raw(3);
+            for (auto& f : raw) f = fasttest::randomSamples<short>(rng, n, -100, 1300);
+            std::vector<short> table(1024);
+            std::vector<S16> plain = {raw[2], raw[1], raw[0], raw[0]};
+            hdr_detail::prepareFramesPlain({plain[0].data(), plain[1].data(), plain[2].data(), plain[3].data()}, width,
+                                           height, g.ratio, black, g.red, g.blue, 1023, pattern, table.data());
+            for (KernelIsa isa : fasttest::availableIsas()) {
+                std::vector<S16> fused = {raw[2], raw[1], S16(n, 9), raw[0]};
+                hdr_detail::prepareFramesFused({fused[0].data(), fused[1].data(), fused[2].data(), fused[3].data()},
+                                               {fused[0].data(), fused[1].data(), fused[3].data(), fused[3].data()},
+                                               width, height, g.ratio, black, g.red, g.blue, 1023, pattern,
+                                               table.data(), isa);
+                ASSERT_EQ(fused, plain) << "pattern " << pattern << " red " << g.red << " " << fasttest::isaName(isa);
+            }
+
+            Parameter tuning;
+            initializeParameter(&tuning);
+            tuning.bayerPattern = pattern;
+            const S16 full = fasttest::randomSamples<short>(rng, n, 0, 2046);
+            const S16 shallow = fasttest::randomSamples<short>(rng, n, 0, 2046);
+            S16 plainFull = full, plainShallow = shallow, plainOut(n, 3);
+            hdr_detail::toneStagesPlain(plainFull.data(), plainShallow.data(), plainOut.data(), width, height, g.red,
+                                        g.blue, black, tuning, 2.0f, table.data());
+            for (KernelIsa isa : fasttest::availableIsas()) {
+                S16 fusedFull = full, fusedShallow = shallow, fusedOut(n, 4);
+                hdr_detail::toneStagesFused(fusedFull.data(), fusedShallow.data(), fusedOut.data(), width, height,
+                                            g.red, g.blue, black, tuning, 2.0f, table.data(), isa);
+                ASSERT_EQ(fusedOut, plainOut) << "pattern " << pattern << " red " << g.red << " "
+                                              << fasttest::isaName(isa);
+            }
+        }
+    }
 }
 
 TEST(HdrProcess, FusedFrameKeepsShadowAndHighlightDetail) {

@@ -4,46 +4,11 @@
 #include <random>
 #include <vector>
 
+#include "hdr/bayer_filter.h"
 #include "hdr/intensity.h"
+#include "support/fast_paths.h"
 
 namespace {
-
-// Source index a neighbour at p (one outside the image at most) reads: the same colour
-// site two samples inward, or the only sample of a side of one.
-int fold(int p, int n) {
-    if (p >= n) return fold(p - 2, n);
-    if (p < 0) {
-        int s = p + 2;
-        while (s >= n && s - 2 >= 0) s -= 2;
-        return s < n ? s : n - 1;
-    }
-    return p;
-}
-
-// Intensity of one pixel written out from the definition on source coordinates.
-unsigned short referenceIntensity(const std::vector<short>& f, int width, int height, int y, int x, int pattern) {
-    auto at = [&](int yy, int xx) { return static_cast<int>(f[fold(yy, height) * width + fold(xx, width)]); };
-    static const int redRow[4] = {0, 1, 0, 1}, redCol[4] = {0, 1, 1, 0};
-    const int ry = redRow[pattern], rx = redCol[pattern];
-    const int py = y & 1, px = x & 1;
-    const int cross = (at(y - 1, x) + at(y + 1, x) + at(y, x - 1) + at(y, x + 1)) / 4;
-    const int diag = (at(y - 1, x - 1) + at(y - 1, x + 1) + at(y + 1, x - 1) + at(y + 1, x + 1)) / 4;
-    const int horiz = (at(y, x - 1) + at(y, x + 1)) / 2, vert = (at(y - 1, x) + at(y + 1, x)) / 2;
-    int R, G, B;
-    if (py == ry && px == rx) {
-        R = at(y, x), G = cross, B = diag;
-    } else if (py != ry && px != rx) {
-        B = at(y, x), G = cross, R = diag;
-    } else if (py == ry) {  // green on a red row
-        G = at(y, x), R = horiz, B = vert;
-    } else {
-        G = at(y, x), B = horiz, R = vert;
-    }
-    const double luma = (double)G * 0.587 + (double)R * 0.299 + (double)B * 0.114;
-    float v = (float)luma * 0.8f + (float)std::max({R, G, B}) * 0.2f;
-    v = std::min(std::max(v, 0.0f), 1023.0f);
-    return static_cast<unsigned short>(v);
-}
 
 std::vector<unsigned short> estimate(std::vector<short> frame, int width, int height, int pattern) {
     std::vector<unsigned short> out(frame.size(), 0xBEEF);
@@ -76,20 +41,40 @@ TEST(Intensity, PureRedQuadsIncludingTheBorderRing) {
     EXPECT_EQ(estimate(frame, width, height, 1)[0], 291);
 }
 
-TEST(Intensity, MatchesDefinitionForAllPatternsAndSmallSizes) {
+// Both fast forms (the row form over an extended copy, and the streamed estimation
+// without one) against the per-pixel definition, in every compilation: all
+// patterns, widths around every vector length, odd sizes, samples at the extremes.
+TEST(Intensity, FastPathsMatchPlainDefinition) {
     std::mt19937 rng(7);
-    std::uniform_int_distribution<int> sample(-50, 1200);
-    const int sizes[][2] = {{2, 2}, {4, 1}, {1, 3}, {6, 5}, {13, 4}, {18, 9}, {33, 14}};
+    const int sizes[][2] = {{2, 2}, {4, 1}, {1, 3}, {6, 5}, {13, 4}, {18, 9}, {33, 14}, {34, 3}, {64, 6}};
     for (const auto& wh : sizes) {
-        const int width = wh[0], height = wh[1];
-        std::vector<short> frame(width * height);
-        for (short& v : frame) v = static_cast<short>(sample(rng));
-        for (int pattern = 0; pattern < 4; ++pattern) {
-            const std::vector<unsigned short> got = estimate(frame, width, height, pattern);
-            for (int y = 0; y < height; ++y)
-                for (int x = 0; x < width; ++x)
-                    ASSERT_EQ(got[y * width + x], referenceIntensity(frame, width, height, y, x, pattern))
-                        << width << "x" << height << " pattern " << pattern << " at " << y << "," << x;
+        const int width = wh[0], height = wh[1], stride = width + 2;
+        for (int range : {1200, 32767}) {
+            std::vector<short> frame = fasttest::randomSamples<short>(rng, width * height, -range, range);
+            std::vector<short> ext(static_cast<size_t>(stride) * (height + 2));
+            imageExtensionForBayer_short(frame.data(), ext.data(), 1, height, width);
+            for (int pattern = 0; pattern < 4; ++pattern) {
+                std::vector<unsigned short> plain(frame.size(), 1);
+                intensity_detail::calculateLumaPlain(ext.data(), plain.data(), 1, height + 1, 1, width + 1, 1, stride,
+                                                     width, pattern);
+                EXPECT_EQ(estimate(frame, width, height, pattern), plain) << width << "x" << height;
+                for (KernelIsa isa : fasttest::availableIsas()) {
+                    std::vector<unsigned short> rows(frame.size(), 2), streamed(frame.size(), 3);
+                    // Odd column starts too: the row form begins on either site.
+                    intensity_detail::calculateLumaRows(ext.data(), rows.data(), 1, height + 1, 1, 2, 1, stride,
+                                                        width, pattern, isa);
+                    intensity_detail::calculateLumaRows(ext.data(), rows.data(), 1, height + 1, 2, width + 1, 1,
+                                                        stride, width, pattern, isa);
+                    ASSERT_EQ(rows, plain) << width << "x" << height << " pattern " << pattern << " "
+                                           << fasttest::isaName(isa);
+                    if (width >= 2 && height >= 2) {
+                        intensity_detail::estimateIntensityStreamed(frame.data(), streamed.data(), height, width,
+                                                                    pattern, isa);
+                        ASSERT_EQ(streamed, plain) << width << "x" << height << " pattern " << pattern << " "
+                                                   << fasttest::isaName(isa);
+                    }
+                }
+            }
         }
     }
 }

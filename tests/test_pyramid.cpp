@@ -7,7 +7,9 @@
 
 #include "hdr/bayer_filter.h"
 #include "hdr/pyramid.h"
+#include "hdr/pyramid_rows.h"
 #include "imgcore/border_filter.h"
+#include "support/fast_paths.h"
 
 namespace {
 
@@ -46,68 +48,51 @@ std::vector<short> smoothFrame(int height, int width) {
     return f;
 }
 
-// The up-sampling written out literally: zero-inserted scratch, remainder columns
-// and rows, then the 5x5 binomial through the generic filter.
-std::vector<short> literalUpSample(const std::vector<short>& src, int h, int w, int extraRows, int extraCols) {
-    const int H2 = 2 * h + extraRows, W2 = 2 * w + extraCols;
-    std::vector<short> z(static_cast<size_t>(H2) * W2, 0), out(z.size());
-    for (int r = 0; r < h; ++r)
-        for (int c = 0; c < w; ++c) {
-            const int qr = r / 2 * 4 + r % 2, qc = c / 2 * 4 + c % 2;  // quad (r, c) -> (2r, 2c)
-            z[qr * W2 + qc] = static_cast<short>(4 * src[r * w + c]);
-            if (extraCols && c >= w - 2) z[qr * W2 + W2 - 2 + (c - (w - 2))] = static_cast<short>(4 * src[r * w + c]);
-        }
-    if (extraRows)
-        for (int k = 0; k < 2; ++k)
-            for (int x = 0; x < W2; ++x) z[(H2 - 2 + k) * W2 + x] = z[(H2 - 6 + k) * W2 + x];
-    int kernel[25];
-    const int b[5] = {1, 4, 6, 4, 1};
-    for (int i = 0; i < 25; ++i) kernel[i] = b[i / 5] * b[i % 5];
-    zel::cpp::imgproc::multiChannelFilterBorderCopy_v00<short, int>(z.data(), out.data(), W2, H2, 0, 0, kernel, 2, 2,
-                                                                     2, false);
-    return out;
+TEST(Pyramid, UpSamplingKeepsConstantsIncludingOddHalfRemainders) {
+    // Zero insertion times 4 and the binomial (sum 256) restore a constant level
+    // exactly, also in the repeated remainder rows and columns of an odd half
+    // (750 x 14 halves to 374 x 6, remainder {2, 2}).
+    for (int extra = 0; extra < 4; ++extra) {
+        const int h = 374, w = 6;
+        int remainder[2] = {(extra & 1) * 2, extra & 2};
+        const int H2 = 2 * h + remainder[0], W2 = 2 * w + remainder[1];
+        std::vector<short> src(h * w, -300), out(static_cast<size_t>(H2) * W2, 1);
+        imageUpSample(src.data(), out.data(), h, w, 2 * w, 2 * W2, remainder, 1);
+        for (short v : out) ASSERT_EQ(v, -300) << remainder[0] << "," << remainder[1];
+    }
 }
 
-TEST(Pyramid, OddHalfLevelUpSamplesWithRepeatedRowsAndColumns) {
-    // 750 x 14 halves to 374 x 6 (odd halves 375 and 7 rounded down): remainder {2, 2}.
-    const int h = 374, w = 6;
-    std::mt19937 rng(7);
-    std::vector<short> src(h * w);
-    for (auto& v : src) v = static_cast<short>(rng() % 1024);
-    int remainder[2] = {750 - 2 * h, 14 - 2 * w};
-    ASSERT_EQ(remainder[0], 2);
-    ASSERT_EQ(remainder[1], 2);
-    std::vector<short> out(750 * 14, -1);
-    imageUpSample(src.data(), out.data(), h, w, 2 * w, 2 * 14, remainder, 1);
-    EXPECT_EQ(out, literalUpSample(src, h, w, 2, 2));
-}
-
-// The separable path must equal the plain zero-insert-and-filter path bit for bit.
+// The separable up-sampler (each compilation) must equal the plain
+// zero-insert-and-filter path bit for bit.
 TEST(Pyramid, FastUpSampleMatchesReferenceOnRandomData) {
     std::mt19937 rng(12345);
-    std::uniform_int_distribution<int> full(-32768, 32767);
     int cases = 0;
     for (int h = 2; h <= 14; h += 2) {
-        for (int w : {2, 4, 6, 8, 10, 14, 18, 30, 34, 46, 66}) {
+        for (int w : {2, 4, 6, 8, 10, 14, 16, 18, 30, 34, 46, 66}) {
             for (int extra = 0; extra < 4; ++extra) {
                 int remainder[2] = {(extra & 1) * 2, (extra & 2)};
                 const int H2 = 2 * h + remainder[0], W2 = 2 * w + remainder[1];
                 const int srcStride = w + (cases % 3);  // samples; padded rows now and then
                 const int dstStride = W2 + (cases % 2) * 5;
-                std::vector<short> src(static_cast<size_t>(h) * srcStride);
-                const int mode = cases % 3;  // random, extremes, 10-bit
-                for (auto& v : src)
-                    v = static_cast<short>(mode == 0 ? full(rng)
-                                                     : mode == 1 ? ((rng() & 1) ? 32767 : -32768) : int(rng() % 1024));
-                std::vector<short> fast(static_cast<size_t>(H2) * dstStride, 1), plain(fast.size(), 1);
-                imageUpSample(src.data(), fast.data(), h, w, 2 * srcStride, 2 * dstStride, remainder, 0);
+                const int range = cases % 2 == 0 ? 32767 : 1023;
+                std::vector<short> src = fasttest::randomSamples<short>(rng, static_cast<size_t>(h) * srcStride,
+                                                                        -range, range);
+                std::vector<short> plain(static_cast<size_t>(H2) * dstStride, 1);
                 imageUpSampleReference(src.data(), plain.data(), h, w, 2 * srcStride, 2 * dstStride, remainder);
-                ASSERT_EQ(fast, plain) << h << "x" << w << " remainder " << remainder[0] << "," << remainder[1];
+                for (KernelIsa isa : fasttest::availableIsas()) {
+                    std::vector<short> fast(plain.size(), 1);
+                    pyramid_rows::UpSampledRows up(src.data(), h, w, 2 * srcStride, remainder[0], remainder[1], isa);
+                    for (int y = 0; y < H2; ++y) up.row(y, fast.data() + static_cast<size_t>(y) * dstStride);
+                    ASSERT_EQ(fast, plain) << h << "x" << w << " remainder " << remainder[0] << "," << remainder[1]
+                                           << " " << fasttest::isaName(isa);
+                }
+                std::vector<short> dispatched(plain.size(), 1);
+                imageUpSample(src.data(), dispatched.data(), h, w, 2 * srcStride, 2 * dstStride, remainder, 0);
+                ASSERT_EQ(dispatched, plain);
                 ++cases;
             }
         }
     }
-    EXPECT_GT(cases, 300);
 }
 
 TEST(Pyramid, SingleLevelLeavesEverythingUnchanged) {
@@ -242,22 +227,40 @@ TEST(Pyramid, CollapseAddsWithWrapAndClampsOnlyLevelZero) {
 }
 
 TEST(Pyramid, DownSamplingKeepsTopLeftQuadsOfTheLowPass) {
-    const int h = 20, w = 28, oh = 10, ow = 14;
-    std::vector<short> src = smoothFrame(h, w), smooth(h * w);
-    lowPassFilteringForBayer_short(src.data(), smooth.data(), w, h);
-    std::vector<short> out(oh * ow, -1);
-    imageDownSample_short(src.data(), out.data(), h, w, oh, ow, 1);
-    for (int r = 0; r < oh; ++r)
-        for (int c = 0; c < ow; ++c)
-            ASSERT_EQ(out[r * ow + c], smooth[(r / 2 * 4 + r % 2) * w + c / 2 * 4 + c % 2]) << r << "," << c;
-
-    // An empty output is never written; odd output sizes stay inside their buffers.
+    // An empty output is never written.
+    std::vector<short> src = smoothFrame(20, 28);
     short sentinel = 5;
-    imageDownSample_short(src.data(), &sentinel, h, w, 0, ow, 1);
+    imageDownSample_short(src.data(), &sentinel, 20, 28, 0, 14, 1);
     EXPECT_EQ(sentinel, 5);
-    std::vector<short> odd(9 * 13);
-    imageDownSample_short(src.data(), odd.data(), h, w, 9, 13, 1);
-    EXPECT_EQ(odd[8 * 13 + 12], out[8 * ow + 12]);
+
+    // Filtering only the kept quads (each compilation) against the low-pass of the
+    // whole level then decimation: random and extreme samples, odd output sizes,
+    // sides down to the smallest the fast path takes.
+    std::mt19937 rng(3);
+    for (int height : {4, 6, 10, 22, 31}) {
+        for (int width = 4; width <= 37; width += 3) {
+            for (int outHeight : {height / 2, (height / 2) | 1}) {
+                const int outWidth = (width / 2) - ((width / 2) % 2 == 0 ? 1 : 0);  // odd widths too
+                if (2 * outHeight > height || outWidth < 1) continue;
+                std::vector<short> s = fasttest::randomSamples<short>(rng, width * height, -32768, 32767);
+                std::vector<unsigned short> u = fasttest::randomSamples<unsigned short>(rng, width * height, 0, 65535);
+                std::vector<short> sPlain(outHeight * outWidth);
+                std::vector<unsigned short> uPlain(outHeight * outWidth);
+                imageDownSamplePlain(s.data(), sPlain.data(), height, width, outHeight, outWidth);
+                imageDownSamplePlain(u.data(), uPlain.data(), height, width, outHeight, outWidth);
+                for (KernelIsa isa : fasttest::availableIsas()) {
+                    std::vector<short> sFast(sPlain.size());
+                    std::vector<unsigned short> uFast(uPlain.size());
+                    pyramid_rows::downSampleKept<short>(s.data(), sFast.data(), height, width, outHeight, outWidth,
+                                                        isa);
+                    pyramid_rows::downSampleKept<unsigned short>(u.data(), uFast.data(), height, width, outHeight,
+                                                                 outWidth, isa);
+                    ASSERT_EQ(sFast, sPlain) << width << "x" << height << " " << fasttest::isaName(isa);
+                    ASSERT_EQ(uFast, uPlain) << width << "x" << height << " " << fasttest::isaName(isa);
+                }
+            }
+        }
+    }
 
     // The mask pyramid marks every nonzero sample with 255.
     Levels sizes(16, 16, 3);
@@ -273,6 +276,37 @@ TEST(Pyramid, DownSamplingKeepsTopLeftQuadsOfTheLowPass) {
             marked += v == 255;
         }
     EXPECT_GT(marked, 0);
+}
+
+// The banded Laplacian construction and collapse against the whole-image plain
+// definitions: random frames with odd-half levels, detail gains that are and are
+// not exactly 1 (the fast path skips unit gains), levels down to 2 x 2.
+TEST(Pyramid, BandedLaplacianAndCollapseMatchPlainDefinitions) {
+    std::mt19937 rng(21);
+    struct Case {
+        int h, w, levels, shallow;
+        float gain0, gain1;
+    };
+    for (Case c : {Case{92, 124, 6, 4, 1.0f, 1.0f}, Case{46, 60, 4, 2, 0.8f, 1.3f}, Case{22, 30, 3, 3, 1.0f, 0.7f},
+                   Case{14, 10, 2, 2, 2.0f, 1.0f}}) {
+        Levels sizes(c.h, c.w, c.levels);
+        const std::vector<short> frame = fasttest::randomSamples<short>(rng, sizes.samples(0), -400, 1400);
+        Pyramid<short> fast(sizes), plain(sizes);
+        std::copy(frame.begin(), frame.end(), fast.levels[0]);
+        std::copy(frame.begin(), frame.end(), plain.levels[0]);
+        std::vector<short> fastResidual(sizes.samples(c.shallow - 1) + 1, 0), plainResidual(fastResidual);
+        laplacianPyramid(fast.levels[0], &fast.levels, fastResidual.data(), c.w, c.h, c.levels, c.shallow, c.gain0,
+                         c.gain1, 3);
+        laplacianPyramidPlain(&plain.levels, plainResidual.data(), c.w, c.h, c.levels, c.shallow, c.gain0, c.gain1,
+                              3);
+        for (int i = 0; i < c.levels; ++i)
+            ASSERT_EQ(fast.storage[i], plain.storage[i]) << c.h << "x" << c.w << " @" << i;
+        ASSERT_EQ(fastResidual, plainResidual);
+
+        reconstructLaplacianPyramid(&fast.levels, &sizes.pointers, c.levels, 1023);
+        reconstructLaplacianPyramidPlain(&plain.levels, &sizes.pointers, c.levels, 1023);
+        for (int i = 0; i < c.levels; ++i) ASSERT_EQ(fast.storage[i], plain.storage[i]) << "collapse @" << i;
+    }
 }
 
 }  // namespace

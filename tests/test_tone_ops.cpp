@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hdr/tone_ops.h"
+#include "support/fast_paths.h"
 
 namespace {
 
@@ -170,6 +171,56 @@ TEST(GreenAttenuation, DarkGreensScaledRedAndBlueUntouched) {
     Frame src = {10, 100, 100, 10}, out(4, -1);
     greenAttenuation(src.data(), out.data(), 2, 2, 1000, 0);
     EXPECT_EQ(out, Frame({-1, 96, 96, -1}));
+}
+
+// The fast forms against the plain definitions on random and extreme samples of
+// many sizes: the range compression's factor table (in place and not) against
+// the per-quad factors, and the in-place row forms of white balance and green
+// attenuation against the two-buffer loops.
+TEST(ToneOps, FastFormsMatchPlainDefinitions) {
+    std::mt19937 rng(31);
+    for (int height : {1, 2, 3, 6}) {
+        for (int width = 1; width <= 34; ++width) {
+            const int n = width * height;
+            for (int range : {2046, 32767}) {
+                const Frame src = fasttest::randomSamples<short>(rng, n, range == 2046 ? 0 : -range, range);
+                for (float blend : {0.7f, 0.0f, 1.0f}) {
+                    Frame plain(n, 5), table(n, 5), inPlace = src, plainInPlace = src;
+                    tone_detail::dataRangeCompressionPlain(src.data(), plain.data(), width, height, 1023, blend, 0.55f);
+                    tone_detail::dataRangeCompressionPlain(plainInPlace.data(), plainInPlace.data(), width, height,
+                                                           1023, blend, 0.55f);
+                    dataRangeCompression(src.data(), table.data(), width, height, 1023, blend, 0.55f);
+                    dataRangeCompression(inPlace.data(), inPlace.data(), width, height, 1023, blend, 0.55f);
+                    ASSERT_EQ(table, plain) << width << "x" << height << " blend " << blend;
+                    ASSERT_EQ(inPlace, plainInPlace) << width << "x" << height;
+                    for (KernelIsa isa : fasttest::availableIsas()) {  // the in-place row form, each compilation
+                        int brightest = 0, darkest = 1 << 30;
+                        tone_detail::quadMeanRange(src.data(), width, 0, height / 2, &brightest, &darkest, isa);
+                        const tone_detail::RangeCompressionTable factors(brightest, darkest, 1023, blend, 0.55f);
+                        Frame rows = src;
+                        factors.compressQuadRows(rows.data(), rows.data(), width, 0, height / 2, isa);
+                        ASSERT_EQ(rows, plainInPlace) << width << "x" << height << " " << fasttest::isaName(isa);
+                    }
+                }
+                for (int pattern : {0, 1, 2, 3, 5}) {
+                    for (int white : {1023, 1000, 1}) {
+                        Frame separate = src, inPlace = src;
+                        greenAttenuation(const_cast<short*>(src.data()), separate.data(), width, height, white,
+                                         pattern);
+                        greenAttenuation(inPlace.data(), inPlace.data(), width, height, white, pattern);
+                        ASSERT_EQ(inPlace, separate) << width << "x" << height << " white " << white;
+                    }
+                    // Whole quads only: the last quad row of an odd height reaches past the frame.
+                    const int rows = height & ~1;
+                    Frame separate = src, inPlace = src;
+                    whiteBalance(const_cast<short*>(src.data()), separate.data(), 0, rows, 1.7f, 0.6f, width, 1023,
+                                 pattern);
+                    whiteBalance(inPlace.data(), inPlace.data(), 0, rows, 1.7f, 0.6f, width, 1023, pattern);
+                    ASSERT_EQ(inPlace, separate) << width << "x" << height;
+                }
+            }
+        }
+    }
 }
 
 }  // namespace

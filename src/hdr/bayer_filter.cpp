@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "hdr/extended_stripes.h"
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
 
 namespace {
@@ -53,11 +54,12 @@ void extendWithOffset(const T* src, T* dst, int border, int height, int width, i
         std::memcpy(dst + y * stride, dst + (y - offset) * stride, rowBytes);
 }
 
-// Plain definition of the sparse-tap filter. The loops are interchanged (tap outer,
-// column inner) so that the column loop vectorises; every output pixel still receives
-// its taps in the defined order (i outer, j inner), so the single-precision sums are
-// bit-identical to the per-pixel loop. Zero taps are skipped: adding +0.0f to a finite
-// sum changes nothing.
+// Fast form of the sparse-tap filter. The loops are interchanged (tap outer, column
+// inner) so that the column loop vectorises; every output pixel still receives its
+// taps in the defined order (i outer, j inner), so the single-precision sums are
+// bit-identical to the per-pixel loop of filterSparseTapsPlain. Zero taps are
+// skipped: adding +0.0f to a sum changes nothing (a sum of products of integers is
+// never -0.0f).
 template <typename T>
 void filterSparseTaps(const T* extended, int (*kernel)[9], T* dst, int rowStart, int rowEnd, int colStart,
                       int colEnd, int radius, int extendedStride, int dstWidth, float norm) {
@@ -127,14 +129,34 @@ void binomialRows(const T* extended, T* dst, int rowStart, int rowEnd, int width
     }
 }
 
+// The 9x9 table of the Bayer low-pass: the binomial on even rows and columns.
+struct BayerKernel {
+    int taps[9][9] = {};
+    BayerKernel() {
+        const int b[5] = {1, 4, 6, 4, 1};
+        for (int i = 0; i < 5; ++i)
+            for (int j = 0; j < 5; ++j) taps[2 * i][2 * j] = b[i] * b[j];
+    }
+};
+
 template <typename T>
-void lowPassForBayer(T* src, T* dst, int width, int height) {
+void lowPassForBayer(T* src, T* dst, int width, int height,
+                     void (*worker)(T*, int (*)[9], T*, int, int, int, int, int, int, int, float), bool fast) {
     if (width <= 0 || height <= 0) return;
     const std::size_t stride = static_cast<std::size_t>(width) + 2 * kLowPassBorder;
     std::unique_ptr<T[]> extended(new T[stride * (static_cast<std::size_t>(height) + 2 * kLowPassBorder)]);
     extendWithOffset<T>(src, extended.get(), kLowPassBorder, height, width, kLowPassBorder);
-    runOnExtendedStripes(height, kLowPassBorder,
-                         [&](int rowStart, int rowEnd) { binomialRows<T>(extended.get(), dst, rowStart, rowEnd, width); });
+    if (fast) {
+        runOnExtendedStripes(height, kLowPassBorder, [&](int rowStart, int rowEnd) {
+            binomialRows<T>(extended.get(), dst, rowStart, rowEnd, width);
+        });
+        return;
+    }
+    BayerKernel kernel;
+    runOnExtendedStripes(height, kLowPassBorder, [&](int rowStart, int rowEnd) {
+        worker(extended.get(), kernel.taps, dst, rowStart, rowEnd, kLowPassBorder, width + kLowPassBorder,
+               kLowPassBorder, static_cast<int>(stride), width, 256.0f);
+    });
 }
 
 }  // namespace
@@ -153,15 +175,56 @@ unsigned long long imageExtenForIntenEst(float* src, float* dst, int border, int
 }
 
 void lowPassFilteringForBayer_short(short* src, short* dst, int width, int height) {
-    lowPassForBayer<short>(src, dst, width, height);
+    lowPassForBayer<short>(src, dst, width, height, filteringProcess_short, kUseFastPaths);
 }
 
 void lowPassFilteringForBayer_ushort(unsigned short* src, unsigned short* dst, int width, int height) {
-    lowPassForBayer<unsigned short>(src, dst, width, height);
+    lowPassForBayer<unsigned short>(src, dst, width, height, filteringProcess_ushort, kUseFastPaths);
 }
+
+namespace bayer_filter_detail {
+
+void lowPassFilteringForBayerPlain(short* src, short* dst, int width, int height) {
+    lowPassForBayer<short>(src, dst, width, height, filteringProcess_short, false);
+}
+
+void lowPassFilteringForBayerPlain(unsigned short* src, unsigned short* dst, int width, int height) {
+    lowPassForBayer<unsigned short>(src, dst, width, height, filteringProcess_ushort, false);
+}
+
+template <typename T>
+void filterSparseTapsPlain(const T* extended, int (*kernel)[9], T* dst, int rowStart, int rowEnd, int colStart,
+                           int colEnd, int radius, int extendedStride, int dstWidth, float norm) {
+    if (radius < 0 || radius > 4) return;
+    for (int r = rowStart; r < rowEnd; ++r)
+        for (int c = colStart; c < colEnd; ++c) {
+            float sum = 0.0f;
+            for (int i = -radius; i <= radius; i += 2)
+                for (int j = -radius; j <= radius; j += 2) {
+                    const T sample = extended[static_cast<std::ptrdiff_t>(r + i) * extendedStride + (c + j)];
+                    // 32-bit product with the wrap-around of the hardware multiply.
+                    sum += static_cast<float>(static_cast<std::int32_t>(
+                        static_cast<std::uint32_t>(kernel[radius + i][radius + j]) *
+                        static_cast<std::uint32_t>(static_cast<int>(sample))));
+                }
+            dst[static_cast<std::ptrdiff_t>(r - radius) * dstWidth + (c - radius)] =
+                static_cast<T>(truncToInt(sum / norm));
+        }
+}
+
+template void filterSparseTapsPlain<short>(const short*, int (*)[9], short*, int, int, int, int, int, int, int, float);
+template void filterSparseTapsPlain<unsigned short>(const unsigned short*, int (*)[9], unsigned short*, int, int, int,
+                                                    int, int, int, int, float);
+
+}  // namespace bayer_filter_detail
 
 void filteringProcess_short(short* extended, int (*kernel)[9], short* dst, int rowStart, int rowEnd, int colStart,
                             int colEnd, int radius, int extendedStride, int dstWidth, float norm) {
+    if (!kUseFastPaths) {
+        bayer_filter_detail::filterSparseTapsPlain<short>(extended, kernel, dst, rowStart, rowEnd, colStart, colEnd,
+                                                          radius, extendedStride, dstWidth, norm);
+        return;
+    }
     filterSparseTaps<short>(extended, kernel, dst, rowStart, rowEnd, colStart, colEnd, radius, extendedStride,
                             dstWidth, norm);
 }
@@ -169,6 +232,11 @@ void filteringProcess_short(short* extended, int (*kernel)[9], short* dst, int r
 void filteringProcess_ushort(unsigned short* extended, int (*kernel)[9], unsigned short* dst, int rowStart,
                              int rowEnd, int colStart, int colEnd, int radius, int extendedStride, int dstWidth,
                              float norm) {
+    if (!kUseFastPaths) {
+        bayer_filter_detail::filterSparseTapsPlain<unsigned short>(extended, kernel, dst, rowStart, rowEnd, colStart,
+                                                                   colEnd, radius, extendedStride, dstWidth, norm);
+        return;
+    }
     filterSparseTaps<unsigned short>(extended, kernel, dst, rowStart, rowEnd, colStart, colEnd, radius,
                                      extendedStride, dstWidth, norm);
 }

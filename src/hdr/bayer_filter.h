@@ -47,3 +47,18 @@ KEP_API unsigned long long imageExtenForIntenEst(float* src, float* dst, int bor
 // A negative radius or a window wider or taller than the image leaves the plain copy.
 // No caller inside the library.
 KEP_API void conLowPassFiltering_uchar(unsigned char* src, unsigned char* dst, int width, int height, int radius);
+
+// Internal pieces (not exported), reachable from the tests.
+namespace bayer_filter_detail {
+
+// Plain definitions: the low-pass through the sparse-tap worker (float sums of the
+// 25 products), and that worker pixel by pixel. The exported functions take an
+// exact separable integer form of the binomial low-pass and a loop-interchanged
+// worker, which must agree with these bit for bit.
+void lowPassFilteringForBayerPlain(short* src, short* dst, int width, int height);
+void lowPassFilteringForBayerPlain(unsigned short* src, unsigned short* dst, int width, int height);
+template <typename T>
+void filterSparseTapsPlain(const T* extended, int (*kernel)[9], T* dst, int rowStart, int rowEnd, int colStart,
+                           int colEnd, int radius, int extendedStride, int dstWidth, float norm);
+
+}  // namespace bayer_filter_detail

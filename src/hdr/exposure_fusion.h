@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Multi-scale exposure fusion: every frame of the bracket contributes its
 // Laplacian pyramid, weighted level by level by the Gaussian pyramid of its
@@ -36,3 +37,33 @@ KEP_API void exposureFusion(std::vector<unsigned short*>* weights, std::vector<s
 // of a level `width` samples wide.
 KEP_API void fusion(short* laplacian, unsigned short* weight, short* accumulator, int rowStart, int rowEnd,
                     int width);
+
+// Internal pieces (not exported).
+namespace exposure_fusion_detail {
+
+// Plain definition of exposureFusion: frame after frame, the weight's Gaussian
+// pyramid, the frame's Laplacian pyramid (the pyramid functions), then every level
+// accumulated into the shallow and then the full pyramid on four workers.
+void exposureFusionPlain(std::vector<unsigned short*>* weights, std::vector<short*>* frames,
+                         std::vector<short*>* fullPyramid, std::vector<short*>* shallowPyramid,
+                         std::vector<int*>* levelSizes, int height, int width, int frameCount, int levelCount,
+                         int shallowLevelCount, float laplacianGain0, float laplacianGain1,
+                         int laplacianGainMaxLevel);
+
+// Fast path of exposureFusion in the compilation `isa` where it applies (even frame
+// sides, level sizes that follow the halving rule from the frame size, levels of at
+// least 2 x 2 below the finest), else the plain definition: the frame's Gaussian
+// pyramids first, then each level differenced, gained and accumulated into both
+// pyramids in one pass on four workers. One more promise from the caller is
+// possible: when accumulatorsStartAtZero is set and exposureFusionSkipsZeroFill
+// holds for the sizes, the accumulator pyramids need not be cleared beforehand (the
+// first frame's contributions are stored instead of added to zeros, which gives the
+// same values). Otherwise the pyramids must be zero-filled as for exposureFusion.
+bool exposureFusionSkipsZeroFill(std::vector<int*>* levelSizes, int height, int width, int levelCount);
+void exposureFusionInto(std::vector<unsigned short*>* weights, std::vector<short*>* frames,
+                        std::vector<short*>* fullPyramid, std::vector<short*>* shallowPyramid,
+                        std::vector<int*>* levelSizes, int height, int width, int frameCount, int levelCount,
+                        int shallowLevelCount, float laplacianGain0, float laplacianGain1,
+                        int laplacianGainMaxLevel, bool accumulatorsStartAtZero, KernelIsa isa);
+
+}  // namespace exposure_fusion_detail

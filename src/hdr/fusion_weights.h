@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Normalised exposure-fusion weights of an HDR bracket.
 //
@@ -88,6 +89,36 @@ unsigned short highlightValue(int a, int b, int whiteLevel);
 void wellExposednessPlain(const unsigned short* intensity, unsigned short* weight, ptrdiff_t begin, ptrdiff_t end,
                           int whiteLevel, bool isLast, const unsigned short* lastIntensity, const float* curveAtCenter,
                           const float* curveAboveCenter, const unsigned short* highlightMap);
+
+// The plain definition of normalizeWeight: the quotient rounded half away from
+// zero (roundf), floor(1023 / frameCount) where the sum is 0. The exported worker
+// takes a branch-free, vectorised form and must agree with this one bit for bit.
+void normalizeWeightPlain(unsigned short* weight, const int* sum, int rowStart, int rowEnd, int width, int frameCount,
+                          int whiteLevel);
+
+// Plain definition of calculateWeight, step by step over whole maps: the highlight
+// map and its smoothing, each frame's weights, the weight sum, then each frame
+// normalised and smoothed.
+void calculateWeightPlain(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights, int width,
+                          int height, int frameCount, int exposureCenter, int whiteLevel, float exposureWeightScale);
+
+// highlightValue over one row, branch-free and vectorised for white levels of at
+// least 8 (plainly below), in the compilation `isa`.
+void highlightRow(const unsigned short* last, const unsigned short* previous, unsigned short* out, int width,
+                  int whiteLevel, KernelIsa isa);
+
+// Fast path of calculateWeight in the compilation `isa`: the smoothed highlight map
+// in one pass, then per row the weights of all frames, their sum and
+// normalisation, smoothed straight into the weight maps (rows a stripe needs from
+// its neighbours are computed before any worker writes). Returns false, writing
+// nothing, where it does not apply: sides below 2, a white level below 1, weight
+// maps that share buffers other than their own frame's intensities, or curves whose
+// weights could leave the int range. The smoothed highlight map goes to
+// `highlightScratch` (width * height values, free for the call) when given, else
+// to an allocation of its own.
+bool calculateWeightStreamed(std::vector<unsigned short*>* intensities, std::vector<unsigned short*>* weights,
+                             int width, int height, int frameCount, int exposureCenter, int whiteLevel,
+                             float exposureWeightScale, KernelIsa isa, unsigned short* highlightScratch = nullptr);
 
 // The plain definition of filteringProcessForWeight_ushort (float accumulation of
 // every product); the exported function takes an exact integer path for the

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Tuning record of the HDR path, filled with defaults by initializeParameter.
 // Every field is 32 bits wide; the order is part of the interface.
@@ -89,5 +90,31 @@ int whiteBalanceStripeEnd(int height, int k);
 // Stage 18: sample = trunc(min(scale * sample + blackLevels[site], whiteLevel))
 // with scale = (whiteLevel - blackLevels[0]) / whiteLevel for every site.
 void restoreBlackLevel(short* image, int width, int height, const int* blackLevels, int whiteLevel);
+
+// Stages 4 to 6 on every frame of the bracket (gamma table of whiteLevel + 1
+// entries as scratch). Plain: stage by stage over whole frames; fused: all three
+// on each band of quad rows, four workers per frame, frame k first copied from
+// sources[k] where that is another buffer (sources are read band by band just
+// before the band is written, so a source may be a later frame of the list).
+// Identical results: every stage is per sample (white balance per quad).
+void prepareFramesPlain(const std::vector<short*>& frames, int width, int height, float exposureRatio,
+                        const int* blackLevels, float redGain, float blueGain, int whiteLevel, int bayerPattern,
+                        short* gammaTable);
+void prepareFramesFused(const std::vector<short*>& frames, const std::vector<const short*>& sources, int width,
+                        int height, float exposureRatio, const int* blackLevels, float redGain, float blueGain,
+                        int whiteLevel, int bayerPattern, short* gammaTable, KernelIsa isa);
+
+// Stages 13 (range compression of both collapsed images) to 19 (output). Plain:
+// stage by stage over whole images, the result in `full`, then copied to
+// `output`; fused: the quad-mean ranges first, then every stage on each band of
+// quad rows, four workers, written straight to `output`. Identical output: every
+// stage is per quad once the ranges are known. `full` and `shallow` are
+// overwritten.
+void toneStagesPlain(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable);
+void toneStagesFused(short* full, short* shallow, short* output, int width, int height, float redGain,
+                     float blueGain, const int* blackLevels, const Parameter& tuning, float inverseExponent,
+                     short* gammaTable, KernelIsa isa);
 
 }  // namespace hdr_detail

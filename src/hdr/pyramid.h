@@ -62,6 +62,13 @@ KEP_API void laplacianPyramid(short* frame, std::vector<short*>* pyramid, short*
 // apart) take a separable path that never materialises the zero-inserted image
 // and skips the taps on inserted zeros; it is bit-identical to
 // imageUpSampleReference. Everything else goes through the reference.
+//
+// Fast paths (all bit-identical to the plain definitions below, which a
+// -DKEP_FORCE_PLAIN=ON build takes everywhere): the down-sampling computes the
+// low-pass only at the samples it keeps; laplacianPyramid and
+// reconstructLaplacianPyramid difference or add the up-sampled level a band of
+// rows at a time on four workers, without an up-sampled scratch image; detail
+// gains of exactly 1 are skipped.
 KEP_API void imageUpSample(short* src, short* dst, int height, int width, int srcStrideBytes, int dstStrideBytes,
                            int* remainder, int level);
 
@@ -79,6 +86,17 @@ KEP_API void reconstructCalculation(short* a, short* b, short* out, int rowStart
                                     int colEnd, int stride, int whiteLevel);
 
 // ---- internal pieces (not exported), reachable from the tests ----
+
+// Plain definitions: down-sampling as Bayer low-pass of the whole image then
+// decimation; the Laplacian pyramid and its collapse through whole up-sampled
+// scratch images.
+void imageDownSamplePlain(short* src, short* dst, int height, int width, int outHeight, int outWidth);
+void imageDownSamplePlain(unsigned short* src, unsigned short* dst, int height, int width, int outHeight,
+                          int outWidth);
+void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual, int width, int height,
+                           int levelCount, int shallowLevelCount, float gain0, float gain1, int gainMaxLevel);
+void reconstructLaplacianPyramidPlain(std::vector<short*>* pyramid, std::vector<int*>* levelSizes, int levelCount,
+                                      int whiteLevel);
 
 // Plain up-sampling, step by step as described above (zero-filled scratch image,
 // then the generic filter). Safe for any sizes: quads are written only where they

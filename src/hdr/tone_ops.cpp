@@ -4,41 +4,35 @@
 #include <climits>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
+#include "hdr/tone_rows.h"
+#include "imgcore/fast_paths.h"
 #include "imgcore/saturate.h"
 
 namespace {
 
-// Scale factors up to this magnitude keep every product with a 16-bit sample within
-// +-2^30, far inside the int range, so the plain conversion is exact there; larger,
-// infinite or NaN factors go through the saturating conversion.
-constexpr float kSafeScale = 32768.0f;
-
-bool scaleIsSafe(float s) { return std::fabs(s) <= kSafeScale; }  // false for NaN
-
-template <bool Checked>
-inline int truncate(float v) {
-    if constexpr (Checked) {
-        return truncToInt(v);
-    } else {
-        return static_cast<int>(v);
-    }
-}
-
-// gain * sample, clamped above at the white level, truncated, kept to 16 bits. The
-// upper clamp only lowers v, to a value in [-2^31, 2^31): it cannot leave the range.
-template <bool Checked>
-inline short scaleAndClamp(short sample, float gain, float white) {
-    float v = gain * static_cast<float>(sample);
-    if (v > white) v = white;
-    return static_cast<short>(truncate<Checked>(v));
-}
+using namespace tone_rows;
 
 // One row of quads: even columns get gainEven, odd columns gainOdd. A trailing odd
 // column is scaled on its own.
 template <bool Checked>
 void scaleRow(const short* src, short* dst, int width, float gainEven, float gainOdd, float white) {
+    if (kUseFastPaths && src == dst) {
+        // In place through one pointer: the pair loop vectorises without the
+        // run-time overlap test that sends a two-pointer in-place call to the scalar
+        // loop.
+        short* row = dst;
+        const int pairs = width / 2;
+        for (int j = 0; j < pairs; ++j) {
+            row[2 * j] = scaleAndClamp<Checked>(row[2 * j], gainEven, white);
+            row[2 * j + 1] = scaleAndClamp<Checked>(row[2 * j + 1], gainOdd, white);
+        }
+        if (width % 2 != 0) row[width - 1] = scaleAndClamp<Checked>(row[width - 1], gainEven, white);
+        return;
+    }
     int c = 0;
     for (; c + 1 < width; c += 2) {
         dst[c] = scaleAndClamp<Checked>(src[c], gainEven, white);
@@ -58,10 +52,6 @@ void whiteBalanceRows(const short* src, short* dst, int rowStart, int rowEnd, co
     }
 }
 
-// Quad mean: the 32-bit sum of the four samples shifted right by 2 (arithmetic shift).
-inline int quadMean(const short* top, const short* bottom, int c) {
-    return (static_cast<int>(top[c]) + top[c + 1] + bottom[c] + bottom[c + 1]) >> 2;
-}
 
 // Scale factor of a quad whose mean, limited to `top`, is qc: above the knee the mean
 // is mapped linearly from (knee, top] onto (knee, whiteLevel]. The differences are
@@ -120,14 +110,8 @@ inline short attenuate(short sample, float f) {
 
 void whiteBalance(short* src, short* dst, int rowStart, int rowEnd, float redGain, float blueGain, int width,
                   int whiteLevel, int bayerPattern) {
-    float gains[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // unknown codes (negative ones too) write zeros
-    switch (static_cast<unsigned>(bayerPattern)) {
-        case 0: gains[0] = redGain, gains[1] = 1.0f, gains[2] = 1.0f, gains[3] = blueGain; break;
-        case 1: gains[0] = blueGain, gains[1] = 1.0f, gains[2] = 1.0f, gains[3] = redGain; break;
-        case 2: gains[0] = 1.0f, gains[1] = redGain, gains[2] = blueGain, gains[3] = 1.0f; break;
-        case 3: gains[0] = 1.0f, gains[1] = blueGain, gains[2] = redGain, gains[3] = 1.0f; break;
-        default: break;
-    }
+    float gains[4];  // unknown codes (negative ones too) write zeros
+    whiteBalanceGains(redGain, blueGain, bayerPattern, gains);
     if (rowStart >= rowEnd || width <= 0) return;
     const float white = static_cast<float>(whiteLevel);
     if (scaleIsSafe(redGain) && scaleIsSafe(blueGain))
@@ -142,42 +126,151 @@ void createGammaTbl(short* table, int whiteLevel, float gamma) {
         table[i] = static_cast<short>(truncToInt(powf(static_cast<float>(i) / white, gamma) * white));
 }
 
-void dataRangeCompression(const short* src, short* dst, int width, int height, int whiteLevel,
-                          float rangeCompressionBlend, float rangeCompressionRatio) {
-    if (height < 1 || width < 1) return;
-    const int quadRows = height / 2, quadCols = width / 2;
-    if (quadRows == 0 || quadCols == 0) return;
+namespace tone_detail {
 
-    int brightest = 0, darkest = INT_MAX;
-    for (int qy = 0; qy < quadRows; ++qy) {
+namespace {
+
+KEP_KERNEL_BODY void quadMeanRangeRowsBody(const short* src, int width, int quadRowStart, int quadRowEnd,
+                                           int* brightest, int* darkest) {
+    const int quadCols = width / 2;
+    int high = *brightest, low = *darkest;  // local reductions vectorise
+    for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
         const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
         const short* s1 = s0 + width;
-        for (int c = 0; c < 2 * quadCols; c += 2) {
-            const int q = quadMean(s0, s1, c);
-            brightest = std::max(brightest, q);
-            darkest = std::min(darkest, q);
+        for (int j = 0; j < quadCols; ++j) {
+            const int q = quadMean(s0, s1, 2 * j);
+            high = std::max(high, q);
+            low = std::min(low, q);
         }
     }
+    *brightest = high;
+    *darkest = low;
+}
 
+KEP_ROW_KERNEL(quadMeanRangeRows,
+               (const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest),
+               (src, width, quadRowStart, quadRowEnd, brightest, darkest))
+
+}  // namespace
+
+void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest,
+                   KernelIsa isa) {
+    quadMeanRangeRows(isa, src, width, quadRowStart, quadRowEnd, brightest, darkest);
+}
+
+RangeCompressionTable::RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
+                                             float rangeCompressionRatio)
+    : white_(static_cast<float>(whiteLevel)) {
+    const float white = white_;
+    const int knee = truncToInt(white * rangeCompressionRatio);
+    top_ = truncToInt((1.0f - rangeCompressionBlend) * white + static_cast<float>(brightest) * rangeCompressionBlend);
+    // The factor depends on the limited mean only: tabulate it over the limited means
+    // that occur. Means lie in [-32768, 32767], so the table has at most 65536 entries.
+    lowest_ = std::min(darkest, top_);
+    const int highest = std::min(brightest, top_);
+    ratios_.resize(static_cast<std::size_t>(std::max(static_cast<long long>(highest) - lowest_ + 1, 0LL)));
+    safe_ = true;
+    for (std::size_t i = 0; i < ratios_.size(); ++i) {
+        ratios_[i] = compressionRatio(lowest_ + static_cast<int>(i), knee, top_, whiteLevel);
+        safe_ = safe_ && scaleIsSafe(ratios_[i]);
+    }
+}
+
+namespace {
+
+// Fast row form of the compression in place, every factor safe: the quad means of a
+// quad row first, then the factors from the table, then the scaling through one
+// pointer per row; each loop vectorises. Same arithmetic per sample.
+KEP_KERNEL_BODY void compressRowsBody(short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest,
+                                      const float* ratios, float white, int* index, float* factor) {
+    const int quads = width / 2;
+    for (int qy = quadRowStart; qy < quadRowEnd; ++qy) {
+        short* r0 = image + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        short* r1 = r0 + width;
+        for (int j = 0; j < quads; ++j) index[j] = std::min(quadMean(r0, r1, 2 * j), top) - lowest;
+        lookUp(ratios, index, factor, quads);
+        for (short* row : {r0, r1})
+            for (int j = 0; j < quads; ++j) {
+                row[2 * j] = scaleAndClamp<false>(row[2 * j], factor[j], white);
+                row[2 * j + 1] = scaleAndClamp<false>(row[2 * j + 1], factor[j], white);
+            }
+    }
+}
+
+KEP_ROW_KERNEL(compressRows,
+               (short* image, int width, int quadRowStart, int quadRowEnd, int top, int lowest, const float* ratios,
+                float white, int* index, float* factor),
+               (image, width, quadRowStart, quadRowEnd, top, lowest, ratios, white, index, factor))
+
+}  // namespace
+
+void RangeCompressionTable::compressQuadRows(const short* src, short* dst, int width, int quadRowStart,
+                                             int quadRowEnd, KernelIsa isa) const {
+    if (quadRowEnd <= quadRowStart) return;
+    if (src == dst && safe_ && !ratios_.empty()) {
+        std::vector<int> index(static_cast<std::size_t>(width / 2));
+        std::vector<float> factor(index.size());
+        compressRows(isa, dst, width, quadRowStart, quadRowEnd, top_, lowest_, ratios_.data(), white_, index.data(),
+                     factor.data());
+        return;
+    }
+    const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(2 * quadRowStart) * width;
+    if (safe_)
+        compressQuads<false>(src + offset, dst + offset, width, quadRowEnd - quadRowStart, width / 2, top_, ratios_,
+                             lowest_, white_);
+    else
+        compressQuads<true>(src + offset, dst + offset, width, quadRowEnd - quadRowStart, width / 2, top_, ratios_,
+                            lowest_, white_);
+}
+
+void dataRangeCompressionPlain(const short* src, short* dst, int width, int height, int whiteLevel,
+                               float rangeCompressionBlend, float rangeCompressionRatio) {
+    if (height < 1 || width < 1) return;
+    const int quadRows = height / 2, quadCols = width / 2;
+    int brightest = 0;
+    for (int qy = 0; qy < quadRows; ++qy)
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
+            brightest = std::max(brightest, quadMean(s0, s0 + width, c));
+        }
     const float white = static_cast<float>(whiteLevel);
     const int knee = truncToInt(white * rangeCompressionRatio);
     const int top =
         truncToInt((1.0f - rangeCompressionBlend) * white + static_cast<float>(brightest) * rangeCompressionBlend);
-
-    // The factor depends on the limited mean only: tabulate it over the limited means
-    // that occur. Means lie in [-32768, 32767], so the table has at most 65536 entries.
-    const int lowest = std::min(darkest, top);
-    const int highest = std::min(brightest, top);
-    std::vector<float> ratios(static_cast<std::size_t>(static_cast<long long>(highest) - lowest + 1));
-    bool safe = true;
-    for (std::size_t i = 0; i < ratios.size(); ++i) {
-        ratios[i] = compressionRatio(lowest + static_cast<int>(i), knee, top, whiteLevel);
-        safe = safe && scaleIsSafe(ratios[i]);
+    for (int qy = 0; qy < quadRows; ++qy) {
+        const short* s0 = src + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        const short* s1 = s0 + width;
+        short* d0 = dst + static_cast<std::ptrdiff_t>(2 * qy) * width;
+        short* d1 = d0 + width;
+        for (int c = 0; c < 2 * quadCols; c += 2) {
+            const float ratio = compressionRatio(std::min(quadMean(s0, s1, c), top), knee, top, whiteLevel);
+            const short a = s0[c], b = s0[c + 1], e = s1[c], f = s1[c + 1];
+            d0[c] = scaleAndClamp<true>(a, ratio, white);
+            d0[c + 1] = scaleAndClamp<true>(b, ratio, white);
+            d1[c] = scaleAndClamp<true>(e, ratio, white);
+            d1[c + 1] = scaleAndClamp<true>(f, ratio, white);
+        }
     }
-    if (safe)
-        compressQuads<false>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
-    else
-        compressQuads<true>(src, dst, width, quadRows, quadCols, top, ratios, lowest, white);
+}
+
+}  // namespace tone_detail
+
+void dataRangeCompression(const short* src, short* dst, int width, int height, int whiteLevel,
+                          float rangeCompressionBlend, float rangeCompressionRatio) {
+    if (!kUseFastPaths) {
+        tone_detail::dataRangeCompressionPlain(src, dst, width, height, whiteLevel, rangeCompressionBlend,
+                                               rangeCompressionRatio);
+        return;
+    }
+    if (height < 1 || width < 1) return;
+    const int quadRows = height / 2, quadCols = width / 2;
+    if (quadRows == 0 || quadCols == 0) return;
+    int brightest = 0, darkest = INT_MAX;
+    const KernelIsa isa = bestKernelIsa();
+    tone_detail::quadMeanRange(src, width, 0, quadRows, &brightest, &darkest, isa);
+    const tone_detail::RangeCompressionTable table(brightest, darkest, whiteLevel, rangeCompressionBlend,
+                                                   rangeCompressionRatio);
+    table.compressQuadRows(src, dst, width, 0, quadRows, isa);
 }
 
 void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEnd, int width, float weightA,
@@ -198,12 +291,16 @@ void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEnd, int w
 }
 
 void greenAttenuation(short* src, short* dst, int width, int height, int whiteLevel, int bayerPattern) {
-    // Greens on the diagonal (even/even, odd/odd) for codes 2 and above, compared
-    // unsigned; on the anti-diagonal for 0 and 1.
-    const bool diagonal = static_cast<unsigned>(bayerPattern) >= 2u;
-    const int firstCol = diagonal ? 0 : 1;   // column of the green on the quad's top row
-    const int secondCol = diagonal ? 1 : 0;  // and on its bottom row
+    int firstCol, secondCol;  // columns of the greens on the quad's top and bottom row
+    greenColumns(bayerPattern, &firstCol, &secondCol);
     const int quadRows = height / 2, quadCols = width / 2;
+    if (kUseFastPaths && src == dst && whiteLevel > 0) {
+        const GreenBounds bounds;
+        for (int qy = 0; qy < quadRows; ++qy)
+            attenuateGreensInPlace(dst + static_cast<std::ptrdiff_t>(2 * qy) * width, width, firstCol, secondCol,
+                                   static_cast<float>(whiteLevel), bounds);
+        return;
+    }
     for (int qy = 0; qy < quadRows; ++qy) {
         const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(2 * qy) * width;
         const short* s0 = src + row;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <vector>
+
 #include "imgcore/kep_export.h"
+#include "imgcore/simd_dispatch.h"
 
 // Per-sample tone and colour operators of the HDR path. Frames are width x height
 // signed 16-bit samples with stride width. Float-to-integer conversions truncate
@@ -37,3 +40,47 @@ KEP_API void alphaFusion(short* a, short* b, short* dst, int rowStart, int rowEn
 // on the anti-diagonal for 0 and 1. Red and blue sites of dst, and a trailing odd row
 // or column, are not written: in-place use is the intended mode.
 KEP_API void greenAttenuation(short* src, short* dst, int width, int height, int whiteLevel, int bayerPattern);
+
+// Internal pieces (not exported), reachable from the tests.
+namespace tone_detail {
+
+// Plain definition of dataRangeCompression: the brightest quad mean, then the
+// factor of every quad computed on its own, every conversion saturating. The
+// exported function tabulates the factor over the limited quad means that occur
+// and must agree with this one bit for bit.
+void dataRangeCompressionPlain(const short* src, short* dst, int width, int height, int whiteLevel,
+                               float rangeCompressionBlend, float rangeCompressionRatio);
+
+// Folds the quad means ((sum of four) >> 2) of quad rows [quadRowStart, quadRowEnd)
+// of a frame `width` samples wide into *brightest (max) and *darkest (min).
+void quadMeanRange(const short* src, int width, int quadRowStart, int quadRowEnd, int* brightest, int* darkest,
+                   KernelIsa isa);
+
+// The range compression's factor table for a frame whose quad means span
+// [darkest, brightest] (brightest folded from 0, as the definition starts it),
+// applied a band of quad rows at a time; in place allowed (in place with safe
+// factors takes a vectorised row form in the compilation `isa`).
+class RangeCompressionTable {
+public:
+    RangeCompressionTable(int brightest, int darkest, int whiteLevel, float rangeCompressionBlend,
+                          float rangeCompressionRatio);
+    void compressQuadRows(const short* src, short* dst, int width, int quadRowStart, int quadRowEnd,
+                          KernelIsa isa) const;
+
+    // The factor of a quad of mean q is ratios()[min(q, top()) - lowest()]; every
+    // factor keeps the products in the int range when safe().
+    int top() const { return top_; }
+    int lowest() const { return lowest_; }
+    const float* ratios() const { return ratios_.data(); }
+    bool empty() const { return ratios_.empty(); }
+    bool safe() const { return safe_; }
+
+private:
+    float white_;
+    int top_ = 0;
+    int lowest_ = 0;
+    bool safe_ = true;
+    std::vector<float> ratios_;
+};
+
+}  // namespace tone_detail

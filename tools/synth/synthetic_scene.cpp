@@ -287,5 +287,23 @@ double psnr(const short* a, const short* b, int width, int left, int top, int ri
     return mse == 0.0 ? 99.0 : 10.0 * std::log10(1023.0 * 1023.0 / mse);
 }
 
+Bracket makeHdrBracket(const Scene& scene, const BracketOptions& options) {
+    Bracket bracket;
+    bracket.width = scene.width();
+    bracket.height = scene.height();
+    std::vector<short>* frames[3] = {&bracket.frameA, &bracket.frameB, &bracket.frameC};
+    for (int k = 0; k < 3; ++k) {
+        RenderOptions r;
+        r.pattern = options.pattern;
+        r.black = options.black;
+        r.levelsAtOne = options.levelsAtOne[k];
+        r.shotNoiseGain = options.shotNoiseGain;
+        r.readNoise = options.readNoise;
+        r.noiseSeed = options.seed * 131u + static_cast<uint32_t>(k);
+        *frames[k] = renderRaw(scene, Motion{}, r);
+    }
+    return bracket;
+}
+
 }  // namespace synth
 }  // namespace kep

@@ -97,5 +97,23 @@ HdrBracket makeHdrBracket(const Scene& scene, const HdrBracketOptions& options);
 // PSNR (peak 1023) of a against b over the rectangle [left, right) x [top, bottom).
 double psnr(const short* a, const short* b, int width, int left, int top, int right, int bottom);
 
+// A three-exposure HDR bracket of one scene, all frames without motion.
+struct BracketOptions {
+    double levelsAtOne[3] = {2400.0, 600.0, 150.0};  // frameA (long), frameB, frameC (short)
+    int pattern = 0;
+    int black = 64;
+    double shotNoiseGain = 1.0;
+    double readNoise = 2.0;
+    uint32_t seed = 77;
+};
+
+struct Bracket {
+    int width = 0;
+    int height = 0;
+    std::vector<short> frameA, frameB, frameC;
+};
+
+Bracket makeHdrBracket(const Scene& scene, const BracketOptions& options);
+
 }  // namespace synth
 }  // namespace kep
