@@ -49,8 +49,8 @@ stage_plain() {
     cmake --build build -j"$jobs" --target test_pipeline_hashes
   fi
   rm -f build-plain/hashes-fast.txt build-plain/hashes-plain.txt
-  KEP_PIPELINE_HASHES=build-plain/hashes-fast.txt build/tests/test_pipeline_hashes >/dev/null
-  KEP_PIPELINE_HASHES=build-plain/hashes-plain.txt build-plain/tests/test_pipeline_hashes >/dev/null
+  KEP_PIPELINE_HASHES=build-plain/hashes-fast.txt build/tests/test_pipeline_hashes >build-plain/hashes-fast.log 2>&1 || { cat build-plain/hashes-fast.log; return 1; }
+  KEP_PIPELINE_HASHES=build-plain/hashes-plain.txt build-plain/tests/test_pipeline_hashes >build-plain/hashes-plain.log 2>&1 || { cat build-plain/hashes-plain.log; return 1; }
   if ! diff -u build-plain/hashes-fast.txt build-plain/hashes-plain.txt; then
     echo "hashes: fast and plain builds differ (lines above: - fast, + plain)" >&2
     return 1
