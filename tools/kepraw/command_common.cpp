@@ -136,4 +136,17 @@ void describeInputs(JsonWriter& json, const std::vector<RawImage>& frames) {
     json.endArray();
 }
 
+std::vector<int> blackLevelsFrom(const ParsedArgs& args, size_t count, int fileWhite) {
+    if (!args.has("--black")) return {};
+    std::vector<int> v = parseIntList("--black", args.value("--black"), {1, count}, 0, 65535);
+    if (v.size() == 1) v.assign(count, v[0]);
+    for (int& level : v) {
+        if (level >= fileWhite)
+            throw InputError("--black: " + args.value("--black") +
+                             format(": black level %d is not below the white level %d", level, fileWhite));
+        level = scaleTo10Bits(level, fileWhite);
+    }
+    return v;
+}
+
 }  // namespace kepraw

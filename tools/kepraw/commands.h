@@ -51,6 +51,10 @@ int resolvePattern(const ParsedArgs& args, const std::vector<RawImage>& frames, 
 void writeRawResult(const std::string& target, const std::string& temp, const std::vector<short>& samples, int width,
                     int height, int pattern, const int siteBlack[4], long& clamped);
 
+// --black given as `count` levels (or one for all), in the files' units: each must
+// lie below fileWhite and is scaled to 10 bits. Empty when --black is absent.
+std::vector<int> blackLevelsFrom(const ParsedArgs& args, size_t count, int fileWhite);
+
 // The input files in a report.
 void describeInputs(JsonWriter& json, const std::vector<RawImage>& frames);
 

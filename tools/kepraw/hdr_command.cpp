@@ -39,16 +39,9 @@ struct HdrParameters {
 void resolveBlack(const ParsedArgs& args, const std::vector<RawImage>& frames, HdrParameters& p,
                   std::vector<std::string>& notes) {
     const RawImage& first = frames.front();
-    if (args.has("--black")) {
-        std::vector<int> v = parseIntList("--black", args.value("--black"), {1, 4}, 0, 65535);
-        if (v.size() == 1) v.assign(4, v[0]);
-        for (int s = 0; s < 4; ++s) {
-            if (v[static_cast<size_t>(s)] >= first.fileWhite)
-                throw InputError("--black: " + args.value("--black") +
-                                 format(": black level %d is not below the white level %d", v[static_cast<size_t>(s)],
-                                        first.fileWhite));
-            p.black[s] = scaleTo10Bits(v[static_cast<size_t>(s)], first.fileWhite);
-        }
+    const std::vector<int> given = blackLevelsFrom(args, 4, first.fileWhite);
+    if (!given.empty()) {
+        std::copy(given.begin(), given.end(), p.black);
         return;
     }
     if (!first.hasBlack) return;

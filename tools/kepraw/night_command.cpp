@@ -65,16 +65,9 @@ std::string outputOption(const ParsedArgs& args, std::string& name) {
 void resolveBlack(const ParsedArgs& args, const std::vector<RawImage>& frames, NightParameters& p,
                   std::vector<std::string>& notes) {
     const RawImage& ref = frames[kReference];
-    if (args.has("--black")) {
-        std::vector<int> v = parseIntList("--black", args.value("--black"), {1, 3}, 0, 65535);
-        if (v.size() == 1) v.assign(3, v[0]);
-        for (int c = 0; c < 3; ++c) {
-            if (v[static_cast<size_t>(c)] >= ref.fileWhite)
-                throw InputError("--black: " + args.value("--black") +
-                                 format(": black level %d is not below the white level %d", v[static_cast<size_t>(c)],
-                                        ref.fileWhite));
-            p.black[c] = scaleTo10Bits(v[static_cast<size_t>(c)], ref.fileWhite);
-        }
+    const std::vector<int> given = blackLevelsFrom(args, 3, ref.fileWhite);
+    if (!given.empty()) {
+        std::copy(given.begin(), given.end(), p.black);
         return;
     }
     if (!ref.hasBlack) return;
