@@ -464,8 +464,26 @@ void applyDetailGains(short* image, int height, int width, int level, float gain
     }
 }
 
-void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual, int width, int height,
-                           int levelCount, int shallowLevelCount, float gain0, float gain1, int gainMaxLevel) {
+namespace {
+
+// Plain Laplacian step of one level: up-sample the next level into a scratch
+// image, subtract it, apply the detail gains.
+void laplacianLevelPlain(short* level, int h, int w, short* next, int hn, int wn, int i, float gain0, float gain1,
+                         int gainMaxLevel) {
+    const std::size_t n = static_cast<std::size_t>(h) * w;
+    std::unique_ptr<short[]> up(new short[n]());
+    int remainder[2] = {h - 2 * hn, w - 2 * wn};
+    imageUpSample(next, up.get(), hn, wn, 2 * wn, 2 * w, remainder, i);
+    for (std::size_t k = 0; k < n; ++k) level[k] = static_cast<short>(level[k] - up[k]);
+    applyDetailGains(level, h, w, i, gain0, gain1, gainMaxLevel);
+}
+
+// Down-samples every level into the next, keeps the shallow residual, and turns
+// each level into its band-pass level; `fused` lets levels the banded step covers
+// skip the up-sampled scratch image (a band of quad rows at a time on four
+// workers, straight from the separable up-sampler).
+void buildLaplacian(std::vector<short*>* pyramid, short* shallowResidual, int width, int height, int levelCount,
+                    int shallowLevelCount, float gain0, float gain1, int gainMaxLevel, bool fused) {
     int h = height;
     int w = width;
     for (int i = 0; i + 1 < levelCount; ++i) {
@@ -476,52 +494,27 @@ void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual,
         imageDownSample_short(level, next, h, w, hn, wn, i + 1);
         if (i == shallowLevelCount - 2 && hn > 0 && wn > 0)
             std::memcpy(shallowResidual, next, sizeof(short) * static_cast<std::size_t>(hn) * wn);
-
-        const std::size_t n = static_cast<std::size_t>(h) * w;
-        std::unique_ptr<short[]> up(new short[n]());
-        int remainder[2] = {h - 2 * hn, w - 2 * wn};
-        imageUpSample(next, up.get(), hn, wn, 2 * wn, 2 * w, remainder, i);
-        for (std::size_t k = 0; k < n; ++k) level[k] = static_cast<short>(level[k] - up[k]);
-
-        applyDetailGains(level, h, w, i, gain0, gain1, gainMaxLevel);
+        if (fused && fusedLaplacianLevelApplies(level, h, w, next, hn, wn))
+            laplacianLevel(level, h, w, next, hn, wn, i, gain0, gain1, gainMaxLevel);
+        else
+            laplacianLevelPlain(level, h, w, next, hn, wn, i, gain0, gain1, gainMaxLevel);
         h = hn;
         w = wn;
     }
 }
 
+}  // namespace
+
+void laplacianPyramidPlain(std::vector<short*>* pyramid, short* shallowResidual, int width, int height,
+                           int levelCount, int shallowLevelCount, float gain0, float gain1, int gainMaxLevel) {
+    buildLaplacian(pyramid, shallowResidual, width, height, levelCount, shallowLevelCount, gain0, gain1, gainMaxLevel,
+                   false);
+}
+
 void laplacianPyramid(short*, std::vector<short*>* pyramid, short* shallowResidual, int width, int height,
                       int levelCount, int shallowLevelCount, float gain0, float gain1, int gainMaxLevel) {
-    if (!kUseFastPaths) {
-        laplacianPyramidPlain(pyramid, shallowResidual, width, height, levelCount, shallowLevelCount, gain0, gain1,
-                              gainMaxLevel);
-        return;
-    }
-    // Fast path: no up-sampled scratch image; each level is differenced and gained
-    // a band of quad rows at a time on four workers, straight from the separable
-    // up-sampler. Levels the up-sampler does not cover take the plain steps.
-    int h = height;
-    int w = width;
-    for (int i = 0; i + 1 < levelCount; ++i) {
-        const int hn = halvedLevelSide(h);
-        const int wn = halvedLevelSide(w);
-        short* level = (*pyramid)[i];
-        short* next = (*pyramid)[i + 1];
-        imageDownSample_short(level, next, h, w, hn, wn, i + 1);
-        if (i == shallowLevelCount - 2 && hn > 0 && wn > 0)
-            std::memcpy(shallowResidual, next, sizeof(short) * static_cast<std::size_t>(hn) * wn);
-        if (fusedLaplacianLevelApplies(level, h, w, next, hn, wn)) {
-            laplacianLevel(level, h, w, next, hn, wn, i, gain0, gain1, gainMaxLevel);
-        } else {
-            const std::size_t n = static_cast<std::size_t>(h) * w;
-            std::unique_ptr<short[]> up(new short[n]());
-            int remainder[2] = {h - 2 * hn, w - 2 * wn};
-            imageUpSample(next, up.get(), hn, wn, 2 * wn, 2 * w, remainder, i);
-            for (std::size_t k = 0; k < n; ++k) level[k] = static_cast<short>(level[k] - up[k]);
-            applyDetailGains(level, h, w, i, gain0, gain1, gainMaxLevel);
-        }
-        h = hn;
-        w = wn;
-    }
+    buildLaplacian(pyramid, shallowResidual, width, height, levelCount, shallowLevelCount, gain0, gain1, gainMaxLevel,
+                   kUseFastPaths);
 }
 
 void reconstructCalculation(short* a, short* b, short* out, int rowStart, int rowEnd, int colStart, int colEnd,
