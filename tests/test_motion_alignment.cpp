@@ -7,7 +7,7 @@
 
 #include "features/feature_types.h"
 #include "features/grid_features.h"
-#include "motion/motion_alignment.h"
+#include "registration/motion_alignment.h"
 #include "registration/guide_image.h"
 #include "synthetic_scene.h"
 

@@ -12,7 +12,7 @@
 #include "features/grid_features.h"
 #include "imgcore/fast_paths.h"
 #include "imgcore/simd_clones.h"
-#include "motion/motion_alignment.h"
+#include "registration/motion_alignment.h"
 #include "registration/black_level.h"
 #include "registration/frame_average.h"
 #include "registration/guide_image.h"

@@ -1,4 +1,4 @@
-#include "motion/motion_alignment.h"
+#include "registration/motion_alignment.h"
 
 #include <algorithm>
 #include <cmath>
