@@ -11,3 +11,19 @@
 KEP_API void qnFrameRegistration(short** frames, short* output, int frameCount, int* usableFrameCount, int width,
                                  int height, int grayGain, int minFeatureCount, int alignOnly, USERZOOM* zoom,
                                  float alignTuning, float blurSelect, float sharpnessRatio, int* blackLevelOrder);
+
+namespace registration_detail {
+// What became of a frame; the values are those of the public KepFrameOutcome.
+constexpr int kOutcomeReference = 0;
+constexpr int kOutcomeMerged = 1;
+constexpr int kOutcomeAlignedShort = 2;
+constexpr int kOutcomeRejectedBlur = 3;
+constexpr int kOutcomeRejectedAlignment = 4;
+constexpr int kOutcomeNotAligned = 5;
+
+// qnFrameRegistration, which also writes each frame's outcome into
+// outcomes[frameCount] when outcomes is given.
+void registerBurst(short** frames, short* output, int frameCount, int* usableFrameCount, int width, int height,
+                   int grayGain, int minFeatureCount, int alignOnly, USERZOOM* zoom, float alignTuning,
+                   float blurSelect, float sharpnessRatio, int* blackLevelOrder, int* outcomes);
+}  // namespace registration_detail

@@ -208,26 +208,11 @@ int widestBlankBand(const short* dstRaw, int quadCols, int top, int bottom, bool
 
 }  // namespace
 
-int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char* refGuide,
-                                         QNGridFeaturePointList& grid, Size halfBlock, int featureCount,
-                                         double weightScale, double inlierLimit, int width, int height, short* srcRaw,
-                                         short* dstRaw, int* validTop, int* validBottom, int* validLeft,
-                                         int* validRight, char* rejectFlag, int* ambiguousCount, int featureTotal,
-                                         int frameIndex, bool dstPrefilled, short* writeBack) {
-    // An unfilled destination receives -1 wherever the warp leaves it, and all of
-    // it when the frame is rejected before the warp.
-    const size_t rawSamples = 16 * static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
-    auto fillDestination = [&] {
-        if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
-    };
-    // On the paths that end before the warp: the whole buffer, as it was left.
-    auto writeBackAll = [&] {
-        if (writeBack != nullptr) raw_warp_detail::clampToTenBits(dstRaw, writeBack, rawSamples);
-    };
-    if (width % 2 != 0 || height % 2 != 0) {  // the cells would not tile the frame
-        fillDestination();
-        dstPrefilled = true;
-    }
+bool motion_alignment_detail::estimateModels(unsigned char* curGuide, unsigned char* refGuide,
+                                             QNGridFeaturePointList& grid, Size halfBlock, int featureCount,
+                                             double weightScale, double inlierLimit, int width, int height,
+                                             char* rejectFlag, int* ambiguousCount, int featureTotal,
+                                             int frameIndex) {
     const int capacity = std::max(featureCount, 0);
     Matches m;
     m.list.assign(capacity, FP_Match{});
@@ -254,9 +239,7 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
     const float ambiguousShare = static_cast<float>(*ambiguousCount) / static_cast<float>(featureTotal);
     if (static_cast<unsigned>(frameIndex) >= 2u && static_cast<double>(ambiguousShare) > kMaxAmbiguousShare) {
         *rejectFlag = 1;
-        fillDestination();
-        writeBackAll();
-        return 0;
+        return false;
     }
 
     // Both fits see the full capacity, the (0, 0) pairs past the last match
@@ -272,15 +255,37 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
     if (!isAffineModel(H)) {
         matrixRelease(H);
         *rejectFlag = 1;
-        fillDestination();
-        writeBackAll();
-        return 0;
+        return false;
     }
 
     fitAllCells(grid, H, m, capacity, inlierLimit, weightScale);
     matrixRelease(H);
-
     setQuadRectangles(grid, width, height);
+    for (int c = 0; c < kGridSide * kGridSide; ++c) ensureModel(grid.cells[c].inverseHomography);
+    return true;
+}
+
+int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char* refGuide,
+                                         QNGridFeaturePointList& grid, Size halfBlock, int featureCount,
+                                         double weightScale, double inlierLimit, int width, int height, short* srcRaw,
+                                         short* dstRaw, int* validTop, int* validBottom, int* validLeft,
+                                         int* validRight, char* rejectFlag, int* ambiguousCount, int featureTotal,
+                                         int frameIndex, bool dstPrefilled, short* writeBack) {
+    // An unfilled destination receives -1 wherever the warp leaves it, and all of
+    // it when the frame is rejected before the warp.
+    const size_t rawSamples = 16 * static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
+    if (width % 2 != 0 || height % 2 != 0) {  // the cells would not tile the frame
+        if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
+        dstPrefilled = true;
+    }
+    if (!estimateModels(curGuide, refGuide, grid, halfBlock, featureCount, weightScale, inlierLimit, width, height,
+                        rejectFlag, ambiguousCount, featureTotal, frameIndex)) {
+        if (!dstPrefilled) std::fill(dstRaw, dstRaw + rawSamples, static_cast<short>(-1));
+        // The whole buffer, as it was left.
+        if (writeBack != nullptr) raw_warp_detail::clampToTenBits(dstRaw, writeBack, rawSamples);
+        return 0;
+    }
+
     const int quadCols = 2 * width, quadRows = 2 * height;
     int top = 0, bottom = quadRows - 1;
     int reportedTop = 0, reportedBottom = 0;
@@ -288,7 +293,6 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
     const double* models[kGridSide * kGridSide];
     for (int c = 0; c < kGridSide * kGridSide; ++c) {
         GridCell& cell = grid.cells[c];
-        ensureModel(cell.inverseHomography);
         rects[c] = Rect{cell.x, cell.y, cell.width, cell.height};
         models[c] = cell.inverseHomography.data;
     }
@@ -297,7 +301,7 @@ int motion_alignment_detail::alignImages(unsigned char* curGuide, unsigned char*
             qnWarpImgRaw(rects[c], grid.cells[c].inverseHomography, quadCols, quadRows, 0, 0, nullptr, nullptr, nullptr,
                          nullptr, nullptr, nullptr, nullptr, nullptr, &reportedTop, &reportedBottom, srcRaw, dstRaw,
                          &top, &bottom);
-        writeBackAll();
+        if (writeBack != nullptr) raw_warp_detail::clampToTenBits(dstRaw, writeBack, rawSamples);
     } else {
         // The cells tile the frame, so every quad is written once; the cells of a
         // grid row are warped together row by row, and each warped row is written

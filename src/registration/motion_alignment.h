@@ -40,4 +40,13 @@ int alignImages(unsigned char* curGuide, unsigned char* refGuide, QNGridFeatureP
                 int featureCount, double weightScale, double inlierLimit, int width, int height, short* srcRaw,
                 short* dstRaw, int* validTop, int* validBottom, int* validLeft, int* validRight, char* rejectFlag,
                 int* ambiguousCount, int featureTotal, int frameIndex, bool dstPrefilled, short* writeBack);
+
+// The estimation half of the alignment, without the warp: matching, the ambiguity
+// gate, RANSAC and the per-cell fits. Returns false (with *rejectFlag = 1) when
+// the frame is rejected; otherwise every cell holds a 2x3 inverseHomography
+// (reference quad position to source position, translation in guide pixels) and
+// the grid's rectangles are the cells' quad rectangles.
+bool estimateModels(unsigned char* curGuide, unsigned char* refGuide, QNGridFeaturePointList& grid, Size halfBlock,
+                    int featureCount, double weightScale, double inlierLimit, int width, int height, char* rejectFlag,
+                    int* ambiguousCount, int featureTotal, int frameIndex);
 }  // namespace motion_alignment_detail
