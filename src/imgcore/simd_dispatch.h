@@ -44,6 +44,15 @@ inline KernelIsa bestKernelIsa() {
     return KernelIsa::Baseline;
 }
 
+// The compilation every dispatched kernel runs in this process: chosen once, the
+// widest this processor runs, unless the environment variable KEP_ISA names another
+// (baseline, avx2 or avx512); a target the processor cannot run, or an unknown
+// name, is reported once on standard error and the widest one is used.
+KernelIsa activeKernelIsa();
+
+// The targets this processor runs, baseline first.
+int supportedKernelIsas(KernelIsa* out);
+
 #define KEP_UNPARENTHESISE(...) __VA_ARGS__
 
 #define KEP_ROW_KERNEL(name, parameters, arguments)                                            \

@@ -23,14 +23,6 @@ constexpr int kMaxMergedFrames = 16;
 constexpr int kBorderFillValue = 64;  // pedestal of 10-bit sensors, deliberately fixed
 constexpr int kWhiteLevel = 1023;
 
-// Inlier distance limit of the alignment: 1.0 up to a tuning of 1, falling
-// linearly to 0.1 at 2 and staying there (NaN included).
-double inlierLimitFor(float alignTuning) {
-    if (alignTuning <= 1.0f) return 1.0;
-    if (alignTuning < 2.0f) return 1.9 - 0.9 * static_cast<double>(alignTuning);
-    return 0.1;
-}
-
 void setFullFrameZoom(USERZOOM* zoom, int width, int height) {
     zoom->top = 0;
     zoom->left = 0;
@@ -136,12 +128,18 @@ void reportOutcomes(const BurstAnalysis& a, const char* rejectFlags, bool aligne
 
 }  // namespace
 
+double registration_detail::inlierLimitFor(float alignTuning) {
+    if (alignTuning <= 1.0f) return 1.0;
+    if (alignTuning < 2.0f) return 1.9 - 0.9 * static_cast<double>(alignTuning);
+    return 0.1;
+}
+
 void registration_detail::registerBurst(short** frames, short* output, int frameCount, int* usableFrameCount,
                                         int width, int height, int grayGain, int minFeatureCount, int alignOnly,
                                         USERZOOM* zoom, float alignTuning, float blurSelect, float sharpnessRatio,
                                         int* blackLevelOrder, int* outcomes) {
     logInfo("nocturn : enter frame registration");
-    const double inlierLimit = inlierLimitFor(alignTuning);
+    const double inlierLimit = registration_detail::inlierLimitFor(alignTuning);
     {
         BurstAnalysis a(frames, frameCount, width, height, grayGain, blurSelect, sharpnessRatio, blackLevelOrder);
         *usableFrameCount = a.sharpCount();
@@ -178,7 +176,7 @@ void registration_detail::registerBurst(short** frames, short* output, int frame
         }
         if (!merged) {
             setFullFrameZoom(zoom, width, height);
-            copyFrame(frames[kReferenceIndex], output, width, height);
+            if (output != nullptr) copyFrame(frames[kReferenceIndex], output, width, height);
         }
         if (outcomes != nullptr) reportOutcomes(a, a.rejectFlags(), aligned, outcomes);
     }

@@ -13,6 +13,10 @@ KEP_API void qnFrameRegistration(short** frames, short* output, int frameCount, 
                                  float alignTuning, float blurSelect, float sharpnessRatio, int* blackLevelOrder);
 
 namespace registration_detail {
+// The alignment's inlier distance limit for a tuning value: 1.0 up to a tuning of
+// 1, falling linearly to 0.1 at 2 and staying there (NaN included).
+double inlierLimitFor(float alignTuning);
+
 // What became of a frame; the values are those of the public KepFrameOutcome.
 constexpr int kOutcomeReference = 0;
 constexpr int kOutcomeMerged = 1;
@@ -22,7 +26,8 @@ constexpr int kOutcomeRejectedAlignment = 4;
 constexpr int kOutcomeNotAligned = 5;
 
 // qnFrameRegistration, which also writes each frame's outcome into
-// outcomes[frameCount] when outcomes is given.
+// outcomes[frameCount] when outcomes is given. With alignOnly, output may be null
+// (the reference is then not copied anywhere when registration falls back).
 void registerBurst(short** frames, short* output, int frameCount, int* usableFrameCount, int width, int height,
                    int grayGain, int minFeatureCount, int alignOnly, USERZOOM* zoom, float alignTuning,
                    float blurSelect, float sharpnessRatio, int* blackLevelOrder, int* outcomes);

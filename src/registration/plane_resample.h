@@ -1,0 +1,41 @@
+#pragma once
+
+#include <vector>
+
+#include "registration/tile_motion.h"
+
+// Resampling of a raw frame onto the reference geometry through its tile field,
+// per Bayer plane with the cubic kernel where the tile has detail, the linear one
+// where it has none (see TileField::detailed): output sample (X, Y) of a tile shifted by
+// (dx, dy) quads reads the samples of its own site at columns X + 2 nx + 2k and
+// rows Y + 2 ny + 2j (k, j = -1 .. 2; nx, ny the whole parts of the shift) with
+// the weights of the shift's fractions, rows first:
+//   h_j = taps(wx, row j), out = taps(wy, h_-1, h_0, h_1, h_2).
+// A quad whose taps would leave the frame, or whose tile has no source, has no
+// data: its samples are 0 and its validity byte 0.
+namespace registration_detail {
+
+struct TileShift {
+    int nx, ny;           // whole quads
+    float wx[4], wy[4];   // kernel weights of the fractions
+    float spread;         // sum of wx^2 times sum of wy^2: the noise variance factor
+};
+
+TileShift tileShift(const TileField& field, int tile);
+
+// Raw rows [rowBegin, rowEnd) (even bounds) of the aligned frame into out
+// ((rowEnd - rowBegin) x width floats) and the validity of their quads into
+// quadValid ((rowEnd - rowBegin) / 2 x width / 2 bytes).
+void resampleRowsPlain(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
+                       int rowBegin, int rowEnd, float* out, unsigned char* quadValid);
+// The same values, each tile's rows filtered horizontally once and then combined.
+void resampleRowsFast(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
+                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& conv,
+                      std::vector<float>& h);
+
+// The plain or the fast form.
+void resampleRows(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
+                  int rowBegin, int rowEnd, float* out, unsigned char* quadValid);
+
+}  // namespace registration_detail
+
