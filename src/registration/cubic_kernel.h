@@ -24,7 +24,10 @@ inline void linearWeights(float t, float w[4]) {
     w[3] = 0.0f;
 }
 
-// ((w0 * a + w1 * b) + w2 * c) + w3 * d: one pass of the kernel.
+// w1 * b + w2 * c: one pass of the linear kernel (its outer weights are 0).
+inline float linearTaps(const float w[4], float b, float c) { return w[1] * b + w[2] * c; }
+
+// ((w0 * a + w1 * b) + w2 * c) + w3 * d: one pass of the cubic kernel.
 inline float cubicTaps(const float w[4], float a, float b, float c, float d) {
     return ((w[0] * a + w[1] * b) + w[2] * c) + w[3] * d;
 }

@@ -17,7 +17,7 @@ constexpr int kBins = 1024 / kBinLevels;
 // Median of a mean of 16 squared normal deviates, relative to their variance.
 constexpr double kMedianOfMean16 = 0.9586;
 // Tile rows sampled: about this many, spread over the frame.
-constexpr int kSampledTileRows = 12;
+constexpr int kSampledTileRows = 6;
 
 struct Bin {
     std::vector<float> values;
@@ -153,15 +153,29 @@ std::vector<unsigned char> detailedTiles(const short* reference, int width, int 
                                          const NoiseModel& model) {
     const TileGrid grid(width, height);
     std::vector<int64_t> energy(static_cast<size_t>(grid.count()), 0), signal(energy.size(), 0), count(energy.size(), 0);
-    for (int y = 2; y < height - 2; ++y) {
-        const short* r = reference + static_cast<size_t>(y) * width;
-        const size_t tileRow = static_cast<size_t>(y / 2 / kTileQuads) * grid.tilesX;
-        for (int x = 2; x < width - 2; ++x) {
-            const int64_t e = 4 * r[x] - ((r[x - 2] + r[x + 2]) + (r[x - 2 * width] + r[x + 2 * width]));
-            const size_t t = tileRow + static_cast<size_t>(x / 2 / kTileQuads);
-            energy[t] += e * e;
-            signal[t] += std::max(r[x] - black[(y & 1) * 2 + (x & 1)], 0);
-            count[t] += 1;
+    std::vector<int32_t> e2(static_cast<size_t>(width), 0), level(static_cast<size_t>(width), 0);
+    // Every other quad row tells enough of a tile.
+    for (int qy = 1; qy + 1 < height / 2; qy += 2) {
+        for (int y = 2 * qy; y < 2 * qy + 2; ++y) {
+            const short* r = reference + static_cast<size_t>(y) * width;
+            const int b0 = black[(y & 1) * 2], b1 = black[(y & 1) * 2 + 1];
+            for (int x = 2; x < width - 2; ++x) {
+                const int32_t e = 4 * r[x] - ((r[x - 2] + r[x + 2]) + (r[x - 2 * width] + r[x + 2 * width]));
+                e2[static_cast<size_t>(x)] = e * e;
+                level[static_cast<size_t>(x)] = std::max(r[x] - ((x & 1) ? b1 : b0), 0);
+            }
+            const size_t tileRow = static_cast<size_t>(qy / kTileQuads) * grid.tilesX;
+            for (int tx = 0; tx < grid.tilesX; ++tx) {
+                const int x0 = std::max(2 * grid.x0(tx), 2), x1 = std::min(2 * grid.x1(tx), width - 2);
+                int64_t se = 0, ss = 0;
+                for (int x = x0; x < x1; ++x) {
+                    se += e2[static_cast<size_t>(x)];
+                    ss += level[static_cast<size_t>(x)];
+                }
+                energy[tileRow + tx] += se;
+                signal[tileRow + tx] += ss;
+                count[tileRow + tx] += std::max(x1 - x0, 0);
+            }
         }
     }
     std::vector<unsigned char> detailed(energy.size(), 0);

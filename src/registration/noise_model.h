@@ -38,7 +38,7 @@ bool estimateNoiseFromReference(const short* reference, int width, int height, c
                                 NoiseModel& model);
 
 // Per tile of the grid, 1 where the reference shows detail above its noise: over
-// the tile's samples, the squares of 4 p - (the four same-site neighbours) exceed
+// the samples of every other quad row of the tile, the squares of 4 p - (the four same-site neighbours) exceed
 // kDetailAboveNoise times what the noise model expects of them (20 variances).
 constexpr double kDetailAboveNoise = 1.5;
 std::vector<unsigned char> detailedTiles(const short* reference, int width, int height, const int* blackLevelOrder,

@@ -18,7 +18,8 @@ TileShift tileShift(const TileField& field, int tile) {
     s.ny = static_cast<int>(fy);
     const float tx = static_cast<float>(field.dx[static_cast<size_t>(tile)] - fx);
     const float ty = static_cast<float>(field.dy[static_cast<size_t>(tile)] - fy);
-    if (field.detailed.empty() || field.detailed[static_cast<size_t>(tile)]) {
+    s.cubic = field.detailed.empty() || field.detailed[static_cast<size_t>(tile)];
+    if (s.cubic) {
         cubicWeights(tx, s.wx);
         cubicWeights(ty, s.wy);
     } else {
@@ -60,9 +61,10 @@ void resampleRowsPlain(const short* frame, int width, int height, const TileGrid
                 for (int j = 0; j < 4; ++j) {
                     const short* row = frame + static_cast<size_t>(y + 2 * s.ny + 2 * (j - 1)) * width;
                     const int c = x + 2 * s.nx;
-                    h[j] = cubicTaps(s.wx, row[c - 2], row[c], row[c + 2], row[c + 4]);
+                    h[j] = s.cubic ? cubicTaps(s.wx, row[c - 2], row[c], row[c + 2], row[c + 4])
+                                   : linearTaps(s.wx, row[c], row[c + 2]);
                 }
-                value = cubicTaps(s.wy, h[0], h[1], h[2], h[3]);
+                value = s.cubic ? cubicTaps(s.wy, h[0], h[1], h[2], h[3]) : linearTaps(s.wy, h[1], h[2]);
             }
             out[static_cast<size_t>(y - rowBegin) * width + x] = value;
         }
@@ -72,25 +74,22 @@ void resampleRowsPlain(const short* frame, int width, int height, const TileGrid
 namespace {
 
 // One tile's part of a fast resampling: its quads with a source, [ua, ub) x
-// [va, vb), and where its horizontally filtered source rows are kept.
+// [va, vb), and the source rows they read.
 struct TileJob {
     TileShift shift;
     int ua, ub, va, vb;
-    int srcFirst, srcLast, cols;
-    size_t offset;
+    int srcFirst, srcLast;
+    bool full;  // every quad of the tile's rows has a source
 };
 
 }  // namespace
 
 void resampleRowsFast(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
-                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& conv,
-                      std::vector<float>& h) {
+                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& h) {
     const int qc = width / 2, qr = height / 2;
     const KernelIsa isa = activeKernelIsa();
     const int quadBegin = rowBegin / 2, quadEnd = rowEnd / 2;
     std::vector<TileJob> jobs;
-    size_t filtered = 0;
-    int firstSource = height, lastSource = -1;
     for (int ty = quadBegin / kTileQuads; ty * kTileQuads < quadEnd; ++ty) {
         const int qa = std::max(quadBegin, grid.y0(ty)), qb = std::min(quadEnd, grid.y1(ty));
         for (int tx = 0; tx < grid.tilesX; ++tx) {
@@ -116,39 +115,71 @@ void resampleRowsFast(const short* frame, int width, int height, const TileGrid&
                 }
             }
             if (ua >= ub || va >= vb) continue;
-            TileJob job{s, ua, ub, va, vb, 2 * va + 2 * s.ny - 2, 2 * vb - 1 + 2 * s.ny + 4, 2 * (ub - ua), filtered};
-            filtered += static_cast<size_t>(job.srcLast - job.srcFirst + 1) * job.cols;
-            firstSource = std::min(firstSource, job.srcFirst);
-            lastSource = std::max(lastSource, job.srcLast);
-            jobs.push_back(job);
+            const bool full = ua == x0 && ub == x1 && va == qa && vb == qb;
+            jobs.push_back(TileJob{s, ua, ub, va, vb, 2 * va + 2 * s.ny - 2, 2 * vb - 1 + 2 * s.ny + 4, full});
         }
     }
-    // The horizontal pass source row by source row, so that the frame is read in
-    // order; then the vertical pass tile by tile.
-    h.resize(filtered);
-    conv.resize(static_cast<size_t>(2 * kTileQuads) + 6);
-    for (int r = firstSource; r <= lastSource; ++r) {
-        const short* row = frame + static_cast<size_t>(r) * width;
-        for (const TileJob& j : jobs) {
-            if (r < j.srcFirst || r > j.srcLast) continue;
-            cubicRow(isa, row + 2 * j.ua + 2 * j.shift.nx, conv.data(),
-                     h.data() + j.offset + static_cast<size_t>(r - j.srcFirst) * j.cols, j.cols, j.shift.wx);
+    // Consecutive tiles of a tile row with the same whole shift and every quad with
+    // a source form a run, resampled as one: the horizontal pass source row by source
+    // row (reading the frame in order), then the vertical pass, with each column's
+    // tile weights.
+    std::vector<float> weights;
+    for (size_t first = 0; first < jobs.size();) {
+        size_t last = first + 1;
+        while (last < jobs.size() && jobs[last].full && jobs[last - 1].full && jobs[last].ua == jobs[last - 1].ub &&
+               jobs[last].va == jobs[first].va && jobs[last].vb == jobs[first].vb &&
+               jobs[last].shift.nx == jobs[first].shift.nx && jobs[last].shift.ny == jobs[first].shift.ny &&
+               jobs[last].shift.cubic == jobs[first].shift.cubic)
+            ++last;
+        const TileJob& j = jobs[first];
+        const int cols = 2 * (jobs[last - 1].ub - j.ua);
+        weights.resize(static_cast<size_t>(8) * cols);
+        float* wx[4];
+        float* wy[4];
+        for (int k = 0; k < 4; ++k) {
+            wx[k] = weights.data() + static_cast<size_t>(k) * cols;
+            wy[k] = weights.data() + static_cast<size_t>(4 + k) * cols;
         }
-    }
-    for (const TileJob& j : jobs) {
+        for (size_t t = first; t < last; ++t) {
+            const int from = 2 * (jobs[t].ua - j.ua), to = 2 * (jobs[t].ub - j.ua);
+            for (int k = 0; k < 4; ++k) {
+                std::fill(wx[k] + from, wx[k] + to, jobs[t].shift.wx[k]);
+                std::fill(wy[k] + from, wy[k] + to, jobs[t].shift.wy[k]);
+            }
+        }
+        // The linear kernel reads no source row beyond its two middle taps.
+        const bool cubic = j.shift.cubic;
+        const int srcFirst = cubic ? j.srcFirst : j.srcFirst + 2, srcLast = cubic ? j.srcLast : j.srcLast - 2;
+        const int srcRows = srcLast - srcFirst + 1;
+        h.resize(static_cast<size_t>(srcRows) * cols);
+        for (int r = 0; r < srcRows; ++r) {
+            const short* in = frame + static_cast<size_t>(srcFirst + r) * width + 2 * j.ua + 2 * j.shift.nx;
+            float* o = h.data() + static_cast<size_t>(r) * cols;
+            if (cubic)
+                cubicRow(isa, in, wx, o, cols);
+            else
+                linearRow(isa, in, wx, o, cols);
+        }
         for (int y = 2 * j.va; y < 2 * j.vb; ++y) {
-            const float* h0 = h.data() + j.offset + static_cast<size_t>(y + 2 * j.shift.ny - 2 - j.srcFirst) * j.cols;
-            cubicColumn(isa, h0, h0 + 2 * j.cols, h0 + 4 * j.cols, h0 + 6 * j.cols,
-                        out + static_cast<size_t>(y - rowBegin) * width + 2 * j.ua, j.cols, j.shift.wy);
+            const float* h0 = h.data() + static_cast<size_t>(y + 2 * j.shift.ny - 2 - j.srcFirst) * cols;
+            float* o = out + static_cast<size_t>(y - rowBegin) * width + 2 * j.ua;
+            if (cubic) {
+                const float* rows[4] = {h0, h0 + 2 * cols, h0 + 4 * cols, h0 + 6 * cols};
+                cubicColumn(isa, rows, wy, o, cols);
+            } else {
+                const float* rows[4] = {nullptr, h0, h0 + 2 * cols, nullptr};
+                linearColumn(isa, rows, wy, o, cols);
+            }
         }
+        first = last;
     }
 }
 
 void resampleRows(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
                   int rowBegin, int rowEnd, float* out, unsigned char* quadValid) {
     if (kUseFastPaths) {
-        std::vector<float> conv, h;
-        resampleRowsFast(frame, width, height, grid, field, rowBegin, rowEnd, out, quadValid, conv, h);
+        std::vector<float> h;
+        resampleRowsFast(frame, width, height, grid, field, rowBegin, rowEnd, out, quadValid, h);
     } else {
         resampleRowsPlain(frame, width, height, grid, field, rowBegin, rowEnd, out, quadValid);
     }

@@ -11,12 +11,14 @@
 // rows Y + 2 ny + 2j (k, j = -1 .. 2; nx, ny the whole parts of the shift) with
 // the weights of the shift's fractions, rows first:
 //   h_j = taps(wx, row j), out = taps(wy, h_-1, h_0, h_1, h_2).
-// A quad whose taps would leave the frame, or whose tile has no source, has no
-// data: its samples are 0 and its validity byte 0.
+// The linear kernel reads only the samples at offsets 0 and 1 (linearTaps). A quad
+// whose cubic taps would leave the frame, or whose tile has no source, has no data
+// with either kernel: its samples are 0 and its validity byte 0.
 namespace registration_detail {
 
 struct TileShift {
     int nx, ny;           // whole quads
+    bool cubic;           // the cubic kernel; otherwise the linear one
     float wx[4], wy[4];   // kernel weights of the fractions
     float spread;         // sum of wx^2 times sum of wy^2: the noise variance factor
 };
@@ -30,8 +32,7 @@ void resampleRowsPlain(const short* frame, int width, int height, const TileGrid
                        int rowBegin, int rowEnd, float* out, unsigned char* quadValid);
 // The same values, each tile's rows filtered horizontally once and then combined.
 void resampleRowsFast(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
-                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& conv,
-                      std::vector<float>& h);
+                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& h);
 
 // The plain or the fast form.
 void resampleRows(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,

@@ -1,5 +1,7 @@
 #include "registration/robust_alignment.h"
 
+#include <memory>
+
 #include "registration/frame_registration.h"
 #include "registration/motion_alignment.h"
 
@@ -15,6 +17,7 @@ RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int 
     const int g = width / 4, gh = height / 4;
     const double inlierLimit = inlierLimitFor(alignTuning);
     char* reject = a.rejectFlags();
+    std::unique_ptr<ReferenceLattice> lattice;
     for (int i = 0; i < frameCount; ++i) {
         if (i == kReferenceIndex || reject[i] == 1) continue;
         int ambiguous = 0;
@@ -30,7 +33,8 @@ RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int 
         ra.cellFields[static_cast<size_t>(i)] = field;
         ra.aligned[static_cast<size_t>(i)] = 1;
         if (i < kReferenceIndex) continue;  // short exposures keep the cell models
-        ra.refinedTiles += refineField(frames[kReferenceIndex], frames[i], width, grid, field);
+        if (!lattice) lattice.reset(new ReferenceLattice(frames[kReferenceIndex], width, grid));
+        ra.refinedTiles += refineField(*lattice, frames[i], width, grid, field);
         ra.refinableTiles += grid.count();
     }
     return ra;

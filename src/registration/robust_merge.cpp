@@ -167,21 +167,36 @@ int readLag(const TileField& field) {
     return 4 + 2 * up + 2;
 }
 
-// Aligned rows of one frame waiting until no later band reads the rows they replace.
-class PendingRows {
+// Hands a frame's aligned rows back: a band's rows that no later band reads are
+// written over the frame at once; its last rows (and any before them still
+// waiting) wait in a ring until the next band has read its source rows.
+class AlignedRows {
 public:
-    PendingRows(short* frame, int width, int lag)
+    AlignedRows(short* frame, int width, int lag)
         : frame_(frame), width_(width), lag_(lag), capacity_(lag + 2 * kTileQuads),
           rows_(static_cast<size_t>(capacity_) * width) {}
-    short* slot(int row) { return rows_.data() + static_cast<size_t>(row % capacity_) * width_; }
-    // Writes back every pending row that no band after the one ending at `end` reads.
-    void bandDone(int end) { flushBelow(std::max(end - lag_, 0)); }
+    // Rows [begin, end) of the aligned frame (core: row begin), once the band has
+    // been resampled.
+    void bandDone(int begin, int end, const float* core, KernelIsa isa) {
+        const int safe = end - lag_;
+        flushBelow(std::min(begin, safe));
+        for (int y = begin; y < end; ++y) {
+            const float* a = core + static_cast<size_t>(y - begin) * width_;
+            if (next_ == y && y < safe) {
+                alignedRow(isa, a, frame_ + static_cast<size_t>(y) * width_, width_);
+                ++next_;
+            } else {
+                alignedRow(isa, a, slot(y), width_);
+            }
+        }
+    }
     void flushBelow(int row) {
         for (; next_ < row; ++next_)
             std::memcpy(frame_ + static_cast<size_t>(next_) * width_, slot(next_), static_cast<size_t>(width_) * sizeof(short));
     }
 
 private:
+    short* slot(int row) { return rows_.data() + static_cast<size_t>(row % capacity_) * width_; }
     short* frame_;
     int width_, lag_, capacity_;
     int next_ = 0;
@@ -190,9 +205,10 @@ private:
 
 // Scratch rows of the band kernels.
 struct BandScratch {
-    std::vector<float> aligned, conv, h, w, spread, minRows, acc, den, sampleWeights, denSamples, spreadRow, expected;
+    std::vector<float> aligned, h, w, spread, minRows, acc, den, sampleWeights, denSamples, spreadRow, expected;
     std::vector<unsigned char> valid;
-    std::vector<int32_t> d2, sumD2, rowD2[2], signal, samples, zeros;
+    std::vector<int32_t> d2, sumD2, rowD2[2], rowSignal[2], signal, samples, zeros;
+    std::vector<unsigned char> ones;
     std::vector<int32_t> blackRow[2];  // the black level of every column, even and odd rows
 };
 
@@ -231,11 +247,20 @@ void bandExpectations(const MergeSetup& s, int ha, int hb, int first, int last, 
     const size_t n = static_cast<size_t>(hb - ha) * qc;
     b.signal.resize(2 * n);
     b.samples.resize(2 * n);
-    for (int qy = ha; qy < hb; ++qy)
-        for (int qx = 0; qx < qc; ++qx) {
-            b.signal[static_cast<size_t>(qy - ha) * qc + qx] = quadSignal(s, qx, qy);
-            b.samples[static_cast<size_t>(qy - ha) * qc + qx] = 4;
+    const int width = s.width;
+    b.ones.assign(static_cast<size_t>(qc), 1);
+    for (int dy = 0; dy < 2; ++dy) b.rowSignal[dy].resize(static_cast<size_t>(width));
+    for (int qy = ha; qy < hb; ++qy) {
+        for (int dy = 0; dy < 2; ++dy) {
+            const short* r = s.reference + static_cast<size_t>(2 * qy + dy) * width;
+            const int32_t* black = b.blackRow[dy].data();
+            int32_t* g = b.rowSignal[dy].data();
+            for (int x = 0; x < width; ++x) g[x] = signalAbove(r[x], black[x]);
         }
+        pairSums(b.rowSignal[0].data(), b.rowSignal[1].data(), b.ones.data(), qc, b.signal.data() + static_cast<size_t>(qy - ha) * qc);
+        std::fill(b.samples.begin() + static_cast<std::ptrdiff_t>(qy - ha) * qc,
+                  b.samples.begin() + static_cast<std::ptrdiff_t>(qy - ha + 1) * qc, 4);
+    }
     rowSums3(b.signal.data(), hb - ha, qc, b.signal.data() + n);
     rowSums3(b.samples.data(), hb - ha, qc, b.samples.data() + n);
     b.zeros.assign(static_cast<size_t>(qc), 0);
@@ -368,7 +393,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
     const TileGrid grid(width, height);
     const KernelIsa isa = activeKernelIsa();
     const int mergedOthers = mergedOthersOf(frames);
-    std::vector<PendingRows> pending;
+    std::vector<AlignedRows> pending;
     std::vector<std::vector<float>> spreads;
     std::vector<int64_t> units(frames.size(), 0);
     pending.reserve(frames.size());
@@ -399,7 +424,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         for (size_t k = 0; k < frames.size(); ++k) {
             MergeFrame& f = frames[k];
             resampleRowsFast(f.frame, width, height, grid, *f.field, 2 * ha, 2 * hb, b.aligned.data(), b.valid.data(),
-                             b.conv, b.h);
+                             b.h);
             if (f.merged && s.output != nullptr) {
                 differenceRows(s, b.aligned.data(), b.valid.data(), ha, hb, isa, b);
                 windowWeightsRows(s, grid, spreads[k], b.valid.data(), ha, ha, hb, wa, wb, isa, b);
@@ -407,9 +432,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
                 accumulateRows(s, b.aligned.data() + static_cast<size_t>(2 * (qa - ha)) * width, qa, qb, f, units[k],
                                isa, b);
             }
-            for (int y = 2 * qa; y < 2 * qb; ++y)
-                alignedRow(isa, b.aligned.data() + static_cast<size_t>(y - 2 * ha) * width, pending[k].slot(y), width);
-            pending[k].bandDone(2 * qb);
+            pending[k].bandDone(2 * qa, 2 * qb, b.aligned.data() + static_cast<size_t>(2 * (qa - ha)) * width, isa);
         }
         if (s.output != nullptr) finishBand(s, qa, qb, mergedOthers, isa, b);
     }

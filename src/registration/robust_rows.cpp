@@ -7,18 +7,38 @@ namespace registration_detail {
 
 namespace {
 
-KEP_KERNEL_BODY void cubicRowBody(const short* in, float* conv, float* out, int n, const float* w) {
-    const short* src = in - 2;
-    for (int i = 0; i < n + 6; ++i) conv[i] = static_cast<float>(src[i]);
-    const float w0 = w[0], w1 = w[1], w2 = w[2], w3 = w[3];
-    const float taps[4] = {w0, w1, w2, w3};
-    for (int i = 0; i < n; ++i) out[i] = cubicTaps(taps, conv[i], conv[i + 2], conv[i + 4], conv[i + 6]);
+KEP_KERNEL_BODY void cubicRowBody(const short* in, const float* const* w, float* out, int n) {
+    const float *w0 = w[0], *w1 = w[1], *w2 = w[2], *w3 = w[3];
+    for (int i = 0; i < n; ++i) {
+        const float taps[4] = {w0[i], w1[i], w2[i], w3[i]};
+        out[i] = cubicTaps(taps, static_cast<float>(in[i - 2]), static_cast<float>(in[i]), static_cast<float>(in[i + 2]),
+                           static_cast<float>(in[i + 4]));
+    }
 }
 
-KEP_KERNEL_BODY void cubicColumnBody(const float* h0, const float* h1, const float* h2, const float* h3, float* out,
-                                     int n, const float* w) {
-    const float taps[4] = {w[0], w[1], w[2], w[3]};
-    for (int i = 0; i < n; ++i) out[i] = cubicTaps(taps, h0[i], h1[i], h2[i], h3[i]);
+KEP_KERNEL_BODY void cubicColumnBody(const float* const* h, const float* const* w, float* out, int n) {
+    const float *h0 = h[0], *h1 = h[1], *h2 = h[2], *h3 = h[3];
+    const float *w0 = w[0], *w1 = w[1], *w2 = w[2], *w3 = w[3];
+    for (int i = 0; i < n; ++i) {
+        const float taps[4] = {w0[i], w1[i], w2[i], w3[i]};
+        out[i] = cubicTaps(taps, h0[i], h1[i], h2[i], h3[i]);
+    }
+}
+
+KEP_KERNEL_BODY void linearRowBody(const short* in, const float* const* w, float* out, int n) {
+    const float *w1 = w[1], *w2 = w[2];
+    for (int i = 0; i < n; ++i) {
+        const float taps[4] = {0.0f, w1[i], w2[i], 0.0f};
+        out[i] = linearTaps(taps, static_cast<float>(in[i]), static_cast<float>(in[i + 2]));
+    }
+}
+
+KEP_KERNEL_BODY void linearColumnBody(const float* const* h, const float* const* w, float* out, int n) {
+    const float *h1 = h[1], *h2 = h[2], *w1 = w[1], *w2 = w[2];
+    for (int i = 0; i < n; ++i) {
+        const float taps[4] = {0.0f, w1[i], w2[i], 0.0f};
+        out[i] = linearTaps(taps, h1[i], h2[i]);
+    }
 }
 
 KEP_KERNEL_BODY void squaredDifferenceRowBody(const float* a, const short* r, int32_t* out, int n) {
@@ -48,10 +68,10 @@ KEP_KERNEL_BODY void finishRowBody(const float* acc, const float* den, const int
 
 }  // namespace
 
-KEP_ROW_KERNEL(cubicRow, (const short* in, float* conv, float* out, int n, const float* w), (in, conv, out, n, w))
-KEP_ROW_KERNEL(cubicColumn,
-               (const float* h0, const float* h1, const float* h2, const float* h3, float* out, int n, const float* w),
-               (h0, h1, h2, h3, out, n, w))
+KEP_ROW_KERNEL(cubicRow, (const short* in, const float* const* w, float* out, int n), (in, w, out, n))
+KEP_ROW_KERNEL(cubicColumn, (const float* const* h, const float* const* w, float* out, int n), (h, w, out, n))
+KEP_ROW_KERNEL(linearRow, (const short* in, const float* const* w, float* out, int n), (in, w, out, n))
+KEP_ROW_KERNEL(linearColumn, (const float* const* h, const float* const* w, float* out, int n), (h, w, out, n))
 KEP_ROW_KERNEL(squaredDifferenceRow, (const float* a, const short* r, int32_t* out, int n), (a, r, out, n))
 KEP_ROW_KERNEL(weightRow,
                (const int32_t* d0, const int32_t* d1, const int32_t* d2, const float* expected, const float* spread,

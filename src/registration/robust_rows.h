@@ -10,12 +10,16 @@
 // registration/cubic_kernel.h and registration/robust_merge.h).
 namespace registration_detail {
 
-// conv[0 .. n + 6) = in[-2 .. n + 4) as floats; out[i] = cubicTaps(w, conv[i],
-// conv[i + 2], conv[i + 4], conv[i + 6]): the horizontal pass of a Bayer plane.
-void cubicRow(KernelIsa isa, const short* in, float* conv, float* out, int n, const float* w);
-// out[i] = cubicTaps(w, h0[i], h1[i], h2[i], h3[i]): the vertical pass.
-void cubicColumn(KernelIsa isa, const float* h0, const float* h1, const float* h2, const float* h3, float* out, int n,
-                 const float* w);
+// The horizontal pass of a Bayer plane over a run of tiles with per-column weights:
+// out[i] = ((w0[i] in[i - 2] + w1[i] in[i]) + w2[i] in[i + 2]) + w3[i] in[i + 4]
+// (samples as floats), which is cubicTaps with the column's tile weights.
+void cubicRow(KernelIsa isa, const short* in, const float* const* w, float* out, int n);
+// The vertical pass: out[i] = ((w0[i] h0[i] + w1[i] h1[i]) + w2[i] h2[i]) + w3[i] h3[i].
+void cubicColumn(KernelIsa isa, const float* const* h, const float* const* w, float* out, int n);
+// The same with the linear kernel: out[i] = w1[i] in[i] + w2[i] in[i + 2] and
+// out[i] = w1[i] h1[i] + w2[i] h2[i] (linearTaps; w0, w3, h0 and h3 are not read).
+void linearRow(KernelIsa isa, const short* in, const float* const* w, float* out, int n);
+void linearColumn(KernelIsa isa, const float* const* h, const float* const* w, float* out, int n);
 // out[i] = squaredDifference(a[i], r[i]).
 void squaredDifferenceRow(KernelIsa isa, const float* a, const short* r, int32_t* out, int n);
 // out[x] = mergeWeight of the three rows' sums of quad x, 0 where valid[x] is 0.

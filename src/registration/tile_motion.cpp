@@ -14,7 +14,7 @@ namespace {
 // four steps reach closely.
 constexpr int kSteps = 4;
 // Tiles of the lattice the refinement measures on, about this many.
-constexpr int kLatticeTiles = 300;
+constexpr int kLatticeTiles = 200;
 // Quads around a tile's initial source that the steps may reach.
 constexpr int kWindowMargin = 4;
 // A tile whose mean squared residual exceeds this many times the median of all
@@ -67,21 +67,12 @@ struct Window {
     float at(int x, int y) const { return sums[static_cast<size_t>(y - y0) * cols + (x - x0)]; }
 };
 
-struct Point {
-    int x, y;
-    double gx, gy;  // Sobel differences of the reference sums: eight times the slopes
-    float value;
-};
-
-// One tile of the lattice: its points (every second quad of every second row), the
-// tensor of their gradients, and the frame's sums around its source.
+// A frame's state at one tile of the lattice: its sums around the tile's source.
 struct LatticeTile {
-    double cx, cy;
-    std::vector<Point> points;
-    double sxx = 0, sxy = 0, syy = 0;
+    const ReferenceTile* ref;
     Window frame;
     bool used = true;
-    double residual = 0.0;  // mean squared residual at the last evaluation
+    double residual = 0.0;  // mean squared residual at the last evaluation, per unit of noise
 };
 
 // The refined motion: d(x, y) = (p0 + p1 u + p2 v, q0 + q1 u + q2 v) quads, with u, v
@@ -158,49 +149,30 @@ bool fitToField(const TileGrid& grid, const TileField& field, Affine& a) {
     return true;
 }
 
-// The tile's points and gradient tensor, and the frame's sums around where the
-// motion puts it; false when that window leaves the frame or the tile is too small.
-bool prepareTile(const short* ref, const short* cur, int width, const TileGrid& grid, int tx, int ty, const Affine& a,
+// The frame's sums around where the motion puts a tile; false when that window
+// leaves the frame.
+bool prepareTile(const short* cur, int width, const TileGrid& grid, const ReferenceTile& ref, const Affine& a,
                  LatticeTile& tile) {
-    const int x0 = grid.x0(tx), x1 = grid.x1(tx), y0 = grid.y0(ty), y1 = grid.y1(ty);
-    if (x1 - x0 < 4 || y1 - y0 < 4) return false;
-    tile.cx = grid.centreX(tx);
-    tile.cy = grid.centreY(ty);
+    tile.ref = &ref;
     double dx, dy;
-    a.at(tile.cx, tile.cy, &dx, &dy);
-    const int left = x0 + static_cast<int>(std::floor(dx)) - kWindowMargin;
-    const int top = y0 + static_cast<int>(std::floor(dy)) - kWindowMargin;
-    const int cols = x1 - x0 + 2 * kWindowMargin + 1, rows = y1 - y0 + 2 * kWindowMargin + 1;
-    if (left < 1 || top < 1 || left + cols + 1 > grid.quadCols || top + rows + 1 > grid.quadRows || x0 < 1 ||
-        y0 < 1 || x1 + 1 > grid.quadCols || y1 + 1 > grid.quadRows)
-        return false;
+    a.at(ref.cx, ref.cy, &dx, &dy);
+    const int left = ref.x0 + static_cast<int>(std::floor(dx)) - kWindowMargin;
+    const int top = ref.y0 + static_cast<int>(std::floor(dy)) - kWindowMargin;
+    const int cols = ref.x1 - ref.x0 + 2 * kWindowMargin + 1, rows = ref.y1 - ref.y0 + 2 * kWindowMargin + 1;
+    if (left < 1 || top < 1 || left + cols + 1 > grid.quadCols || top + rows + 1 > grid.quadRows) return false;
     tile.frame.fill(cur, width, left, top, cols, rows);
-    Window r;
-    r.fill(ref, width, x0, y0, x1 - x0, y1 - y0);
-    for (int y = y0 + 1; y < y1 - 1; y += 2) {
-        for (int x = x0 + 1; x < x1 - 1; x += 2) {
-            auto q = [&](int u, int v) { return static_cast<double>(r.at(u, v)); };
-            const double gx = ((q(x + 1, y - 1) + 2 * q(x + 1, y)) + q(x + 1, y + 1)) -
-                           ((q(x - 1, y - 1) + 2 * q(x - 1, y)) + q(x - 1, y + 1));
-            const double gy = ((q(x - 1, y + 1) + 2 * q(x, y + 1)) + q(x + 1, y + 1)) -
-                           ((q(x - 1, y - 1) + 2 * q(x, y - 1)) + q(x + 1, y - 1));
-            tile.sxx += gx * gx;
-            tile.sxy += gx * gy;
-            tile.syy += gy * gy;
-            tile.points.push_back(Point{x, y, gx, gy, r.at(x, y)});
-        }
-    }
-    return !tile.points.empty();
+    return true;
 }
 
 // Residuals of a tile at the shift (dx, dy): their gradient-weighted sums and their
 // mean square; false when a tap leaves the tile's window.
 bool tileResiduals(LatticeTile& tile, double dx, double dy, double* bx, double* by) {
+    const std::vector<LatticePoint>& points = tile.ref->points;
     const double fx = std::floor(dx), fy = std::floor(dy);
     const int nx = static_cast<int>(fx), ny = static_cast<int>(fy);
     const Window& w = tile.frame;
-    const Point& first = tile.points.front();
-    const Point& last = tile.points.back();
+    const LatticePoint& first = points.front();
+    const LatticePoint& last = points.back();
     if (first.x + nx - 1 < w.x0 || last.x + nx + 2 >= w.x0 + w.cols || first.y + ny - 1 < w.y0 ||
         last.y + ny + 2 >= w.y0 + w.rows)
         return false;
@@ -208,7 +180,7 @@ bool tileResiduals(LatticeTile& tile, double dx, double dy, double* bx, double* 
     cubicWeights(static_cast<float>(dx - fx), wx);
     cubicWeights(static_cast<float>(dy - fy), wy);
     double sx = 0.0, sy = 0.0, r2 = 0.0;
-    for (const Point& p : tile.points) {
+    for (const LatticePoint& p : points) {
         const float* row = w.sums.data() + static_cast<size_t>(p.y + ny - 1 - w.y0) * w.cols + (p.x + nx - 1 - w.x0);
         float h[4];
         for (int j = 0; j < 4; ++j, row += w.cols) h[j] = cubicTaps(wx, row[0], row[1], row[2], row[3]);
@@ -217,7 +189,7 @@ bool tileResiduals(LatticeTile& tile, double dx, double dy, double* bx, double* 
         sy += p.gy * r;
         r2 += r * r;
     }
-    const double n = static_cast<double>(tile.points.size());
+    const double n = static_cast<double>(points.size());
     *bx = sx;
     *by = sy;
     // The resampling smooths the frame's noise by a factor that depends on the
@@ -291,23 +263,53 @@ void limitField(TileField& field) {
     }
 }
 
-int refineField(const short* reference, const short* frame, int width, const TileGrid& grid, TileField& field) {
+ReferenceLattice::ReferenceLattice(const short* reference, int width, const TileGrid& grid) {
+    // About kLatticeTiles tiles, all of them on small frames; none at the frame's
+    // edge (its gradients need a quad beyond the tile).
+    const int stride = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(grid.count()) / kLatticeTiles) + 0.5));
+    for (int ty = stride / 2; ty < grid.tilesY; ty += stride)
+        for (int tx = stride / 2; tx < grid.tilesX; tx += stride) {
+            const int x0 = grid.x0(tx), x1 = grid.x1(tx), y0 = grid.y0(ty), y1 = grid.y1(ty);
+            if (x1 - x0 < 4 || y1 - y0 < 4 || x0 < 1 || y0 < 1 || x1 + 1 > grid.quadCols || y1 + 1 > grid.quadRows)
+                continue;
+            ReferenceTile t;
+            t.index = ty * grid.tilesX + tx;
+            t.x0 = x0, t.x1 = x1, t.y0 = y0, t.y1 = y1;
+            t.cx = grid.centreX(tx);
+            t.cy = grid.centreY(ty);
+            Window r;
+            r.fill(reference, width, x0, y0, x1 - x0, y1 - y0);
+            for (int y = y0 + 1; y < y1 - 1; y += 2) {
+                for (int x = x0 + 1; x < x1 - 1; x += 2) {
+                    auto q = [&](int u, int v) { return static_cast<double>(r.at(u, v)); };
+                    const double gx = ((q(x + 1, y - 1) + 2 * q(x + 1, y)) + q(x + 1, y + 1)) -
+                                      ((q(x - 1, y - 1) + 2 * q(x - 1, y)) + q(x - 1, y + 1));
+                    const double gy = ((q(x - 1, y + 1) + 2 * q(x, y + 1)) + q(x + 1, y + 1)) -
+                                      ((q(x - 1, y - 1) + 2 * q(x, y - 1)) + q(x + 1, y - 1));
+                    t.sxx += gx * gx;
+                    t.sxy += gx * gy;
+                    t.syy += gy * gy;
+                    t.points.push_back(LatticePoint{x, y, gx, gy, r.at(x, y)});
+                }
+            }
+            tiles.push_back(std::move(t));
+        }
+}
+
+int refineField(const ReferenceLattice& lattice, const short* frame, int width, const TileGrid& grid,
+                TileField& field) {
     Affine a;
     a.cx = 0.5 * (grid.quadCols - 1);
     a.cy = 0.5 * (grid.quadRows - 1);
     a.sx = std::max(0.5 * grid.quadCols, 1.0);
     a.sy = std::max(0.5 * grid.quadRows, 1.0);
     if (!fitToField(grid, field, a)) return 0;
-
-    // A lattice of about kLatticeTiles tiles, all of them on small frames.
-    const int stride = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(grid.count()) / kLatticeTiles) + 0.5));
     std::vector<LatticeTile> tiles;
-    for (int ty = stride / 2; ty < grid.tilesY; ty += stride)
-        for (int tx = stride / 2; tx < grid.tilesX; tx += stride) {
-            if (!field.valid[static_cast<size_t>(ty) * grid.tilesX + tx]) continue;
-            LatticeTile tile;
-            if (prepareTile(reference, frame, width, grid, tx, ty, a, tile)) tiles.push_back(std::move(tile));
-        }
+    for (const ReferenceTile& ref : lattice.tiles) {
+        if (!field.valid[static_cast<size_t>(ref.index)]) continue;
+        LatticeTile tile;
+        if (prepareTile(frame, width, grid, ref, a, tile)) tiles.push_back(std::move(tile));
+    }
     const int measured = static_cast<int>(tiles.size());
 
     // Gauss-Newton on the six parameters, each tile linearised at its centre: the
@@ -320,19 +322,19 @@ int refineField(const short* reference, const short* frame, int width, const Til
         for (LatticeTile& t : tiles) {
             if (!t.used) continue;
             double dx, dy, bx, by, b[3];
-            a.at(t.cx, t.cy, &dx, &dy);
+            a.at(t.ref->cx, t.ref->cy, &dx, &dy);
             if (!tileResiduals(t, dx, dy, &bx, &by)) {
                 t.used = false;
                 continue;
             }
-            a.basis(t.cx, t.cy, b);
+            a.basis(t.ref->cx, t.ref->cy, b);
             for (int i = 0; i < 3; ++i) {
                 for (int j = 0; j < 3; ++j) {
                     const double bb = b[i] * b[j];
-                    m[i][j] += t.sxx * bb;
-                    m[i][3 + j] += t.sxy * bb;
-                    m[3 + i][j] += t.sxy * bb;
-                    m[3 + i][3 + j] += t.syy * bb;
+                    m[i][j] += t.ref->sxx * bb;
+                    m[i][3 + j] += t.ref->sxy * bb;
+                    m[3 + i][j] += t.ref->sxy * bb;
+                    m[3 + i][3 + j] += t.ref->syy * bb;
                 }
                 r[i] += bx * b[i];
                 r[3 + i] += by * b[i];
@@ -358,7 +360,7 @@ int refineField(const short* reference, const short* frame, int width, const Til
     double bx, by;
     for (LatticeTile& t : tiles) {
         double dx, dy;
-        a.at(t.cx, t.cy, &dx, &dy);
+        a.at(t.ref->cx, t.ref->cy, &dx, &dy);
         if (t.used && !tileResiduals(t, dx, dy, &bx, &by)) t.used = false;
     }
     if (!(medianResidual(tiles) <= kMaxResidualGrowth * startResidual)) return 0;

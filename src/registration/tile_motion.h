@@ -58,14 +58,38 @@ void fieldFromCells(const CellModels& cells, const TileGrid& grid, TileField& fi
 // The cell holding a quad position.
 int cellOf(const CellModels& cells, double x, double y);
 
-// Refines the field of one normal frame. Lucas-Kanade translations are measured on
-// the quad sums of a lattice of tiles, seeded by the field; then one smooth motion
-// (quadratic in the position, or affine when fewer tiles can be trusted) is fitted
-// to the trusted translations over the whole frame, dropping the ones that
-// disagree with it (moving things), and every tile takes the fitted motion at its
-// centre. Where no fit can be trusted the field stays as it was. Returns the number
-// of tiles whose translation comes from a fit.
-int refineField(const short* reference, const short* frame, int width, const TileGrid& grid, TileField& field);
+// What the refinement measures on in the reference, once per burst: a lattice of
+// about 200 tiles, each with its points (every second quad of every second row)
+// and their gradients on the band-limited quad sums.
+struct LatticePoint {
+    int x, y;
+    double gx, gy;  // Sobel differences: eight times the slopes
+    float value;
+};
+
+struct ReferenceTile {
+    int index = 0;                 // in the tile grid
+    int x0 = 0, x1 = 0, y0 = 0, y1 = 0;
+    double cx = 0, cy = 0;
+    std::vector<LatticePoint> points;
+    double sxx = 0, sxy = 0, syy = 0;  // their gradients' tensor
+};
+
+struct ReferenceLattice {
+    ReferenceLattice(const short* reference, int width, const TileGrid& grid);
+    std::vector<ReferenceTile> tiles;
+};
+
+// Refines the field of one normal frame: one affine motion over the frame, by
+// Gauss-Newton steps on the band-limited quad sums of the lattice's tiles (each
+// linearised at its centre), started from the affine motion closest to the field;
+// tiles whose residual stands far above the others (something moving) are left
+// out after the first step. Every tile then takes the fitted motion at its centre.
+// Where the fit cannot be trusted (too few tiles kept, or a worse match than at
+// the start) the field stays as it was. Returns the number of tiles whose
+// translation comes from the fit.
+int refineField(const ReferenceLattice& lattice, const short* frame, int width, const TileGrid& grid,
+                TileField& field);
 
 // Marks the tiles whose shift is beyond kMaxTileShift as having no source.
 void limitField(TileField& field);
