@@ -22,6 +22,7 @@ using namespace registration_detail;
 constexpr int kMinSide = 64;
 constexpr long long kMaxSamples = 1LL << 28;
 constexpr int kMaxGrayGain = 64;
+constexpr int kMaxWorkers = 16;
 constexpr int kBorderFillValue = 64;
 
 struct Layout {
@@ -55,7 +56,7 @@ int validate(const Layout& l, const KepNightOptions& o, const uint16_t* output) 
     for (int b : o.blackLevel)
         if (b < 0 || b > 1023) return KEP_NIGHT_BAD_BLACK_LEVEL;
     if (!finite(o.gain) || !finite(o.alignTuning) || !finite(o.blurSelect) || !finite(o.sharpnessRatio) ||
-        o.grayGain < 1 || o.grayGain > kMaxGrayGain)
+        o.grayGain < 1 || o.grayGain > kMaxGrayGain || o.workers < 1 || o.workers > kMaxWorkers)
         return KEP_NIGHT_BAD_PARAMETER;
     const size_t bytes = l.samples() * sizeof(short);
     for (int i = 0; i < l.frameCount; ++i) {
@@ -173,6 +174,7 @@ void runRobust(const Layout& l, const KepNightOptions& o, int* black, uint16_t* 
     setup.gain = o.gain;
     setup.output = merging ? output : nullptr;
     setup.weightMap = merging ? o.weightMap : nullptr;
+    setup.workers = o.workers;
     std::vector<MergeFrame> frames;
     std::vector<int> index;
     for (int i = 0; i < l.frameCount && aligning; ++i) {
@@ -236,6 +238,7 @@ extern "C" void kepNightDefaultOptions(KepNightOptions* options) {
     options->outputBits = 10;
     options->noiseGiven = 0;
     options->weightMap = nullptr;
+    options->workers = 2;
 }
 
 extern "C" const char* kepNightStatusText(int status) {
@@ -250,7 +253,7 @@ extern "C" const char* kepNightStatusText(int status) {
         case KEP_NIGHT_BAD_NOISE_MODEL: return "noise coefficients must be finite, not negative, and not both zero";
         case KEP_NIGHT_BAD_PATTERN: return "unknown Bayer pattern (0..3)";
         case KEP_NIGHT_BAD_BLACK_LEVEL: return "black levels must lie in 0..1023";
-        case KEP_NIGHT_BAD_PARAMETER: return "tuning values must be finite and the gray gain in 1..64";
+        case KEP_NIGHT_BAD_PARAMETER: return "tuning values must be finite, the gray gain in 1..64 and workers in 1..16";
         case KEP_NIGHT_OUTPUT_OVERLAPS: return "the output overlaps a frame, or two frames overlap";
         default: return "unknown status";
     }

@@ -70,7 +70,7 @@ enum KepNightStatus {
     KEP_NIGHT_BAD_NOISE_MODEL = -7,    /* a given noise coefficient negative or not finite, or both zero */
     KEP_NIGHT_BAD_PATTERN = -8,        /* bayerPattern outside 0..3 */
     KEP_NIGHT_BAD_BLACK_LEVEL = -9,    /* a black level outside 0..1023 */
-    KEP_NIGHT_BAD_PARAMETER = -10,     /* a tuning value not finite, or grayGain below 1 */
+    KEP_NIGHT_BAD_PARAMETER = -10,     /* a tuning value not finite, grayGain outside 1..64, workers outside 1..16 */
     KEP_NIGHT_OUTPUT_OVERLAPS = -11    /* output overlaps a frame, or two frames overlap */
 };
 
@@ -103,6 +103,10 @@ typedef struct KepNightOptions {
     /* Optional (robust mode): (width/2) x (height/2) bytes receiving, per 2x2 quad,
        the mean merge weight of the merged frames other than the reference, 255 = full. */
     uint8_t* weightMap;
+    /* Threads the robust merge may run on, the caller's included (1..16; default 2).
+       The result does not depend on it. The mean mode always runs on the caller's
+       thread alone. */
+    int32_t workers;
 } KepNightOptions;
 
 typedef struct KepNightResult {
@@ -120,7 +124,7 @@ typedef struct KepNightResult {
 
 /* Fills options with the defaults (and structSize): RGGB, black 64, grayGain 1,
    minFeatureCount 30, gain 1.0, alignTuning 1.0, blurSelect 0, sharpnessRatio 0.9,
-   mean merge, 10 bits, estimated noise, no weight map. */
+   mean merge, 10 bits, estimated noise, no weight map, 2 workers. */
 KEP_API void kepNightDefaultOptions(KepNightOptions* options);
 
 /* Runs the night path. Returns KEP_NIGHT_OK or a negative enum KepNightStatus. */

@@ -85,32 +85,34 @@ struct TileJob {
 }  // namespace
 
 void resampleRowsFast(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
-                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& h) {
+                      int rowBegin, int rowEnd, int colBegin, int colEnd, float* out, unsigned char* quadValid,
+                      std::vector<float>& h) {
     const int qc = width / 2, qr = height / 2;
+    const int cw = colEnd - colBegin, stride = 2 * cw;
     const KernelIsa isa = activeKernelIsa();
     const int quadBegin = rowBegin / 2, quadEnd = rowEnd / 2;
     std::vector<TileJob> jobs;
     for (int ty = quadBegin / kTileQuads; ty * kTileQuads < quadEnd; ++ty) {
         const int qa = std::max(quadBegin, grid.y0(ty)), qb = std::min(quadEnd, grid.y1(ty));
-        for (int tx = 0; tx < grid.tilesX; ++tx) {
+        for (int tx = colBegin / kTileQuads; tx * kTileQuads < colEnd; ++tx) {
             const int tile = ty * grid.tilesX + tx;
             const TileShift s = tileShift(field, tile);
-            const int x0 = grid.x0(tx), x1 = grid.x1(tx);
+            const int x0 = std::max(grid.x0(tx), colBegin), x1 = std::min(grid.x1(tx), colEnd);
             int ua = std::max(x0, 1 - s.nx), ub = std::min(x1, qc - 2 - s.nx);
             int va = std::max(qa, 1 - s.ny), vb = std::min(qb, qr - 2 - s.ny);
             if (!field.valid[static_cast<size_t>(tile)] || ua >= ub || va >= vb) ua = ub = x0, va = vb = qa;
             for (int qy = qa; qy < qb; ++qy) {
-                unsigned char* v = quadValid + static_cast<size_t>(qy - quadBegin) * qc;
+                unsigned char* v = quadValid + static_cast<size_t>(qy - quadBegin) * cw;
                 const bool rowHas = qy >= va && qy < vb;
-                std::fill(v + x0, v + x1, static_cast<unsigned char>(0));
-                if (rowHas) std::fill(v + ua, v + ub, static_cast<unsigned char>(1));
+                std::fill(v + (x0 - colBegin), v + (x1 - colBegin), static_cast<unsigned char>(0));
+                if (rowHas) std::fill(v + (ua - colBegin), v + (ub - colBegin), static_cast<unsigned char>(1));
                 for (int dy = 0; dy < 2; ++dy) {
-                    float* o = out + static_cast<size_t>(2 * qy + dy - rowBegin) * width;
+                    float* o = out + static_cast<size_t>(2 * qy + dy - rowBegin) * stride;
                     if (!rowHas) {
-                        std::fill(o + 2 * x0, o + 2 * x1, 0.0f);
+                        std::fill(o + 2 * (x0 - colBegin), o + 2 * (x1 - colBegin), 0.0f);
                     } else {
-                        std::fill(o + 2 * x0, o + 2 * ua, 0.0f);
-                        std::fill(o + 2 * ub, o + 2 * x1, 0.0f);
+                        std::fill(o + 2 * (x0 - colBegin), o + 2 * (ua - colBegin), 0.0f);
+                        std::fill(o + 2 * (ub - colBegin), o + 2 * (x1 - colBegin), 0.0f);
                     }
                 }
             }
@@ -162,7 +164,7 @@ void resampleRowsFast(const short* frame, int width, int height, const TileGrid&
         }
         for (int y = 2 * j.va; y < 2 * j.vb; ++y) {
             const float* h0 = h.data() + static_cast<size_t>(y + 2 * j.shift.ny - 2 - j.srcFirst) * cols;
-            float* o = out + static_cast<size_t>(y - rowBegin) * width + 2 * j.ua;
+            float* o = out + static_cast<size_t>(y - rowBegin) * stride + 2 * (j.ua - colBegin);
             if (cubic) {
                 const float* rows[4] = {h0, h0 + 2 * cols, h0 + 4 * cols, h0 + 6 * cols};
                 cubicColumn(isa, rows, wy, o, cols);
@@ -179,7 +181,7 @@ void resampleRows(const short* frame, int width, int height, const TileGrid& gri
                   int rowBegin, int rowEnd, float* out, unsigned char* quadValid) {
     if (kUseFastPaths) {
         std::vector<float> h;
-        resampleRowsFast(frame, width, height, grid, field, rowBegin, rowEnd, out, quadValid, h);
+        resampleRowsFast(frame, width, height, grid, field, rowBegin, rowEnd, 0, width / 2, out, quadValid, h);
     } else {
         resampleRowsPlain(frame, width, height, grid, field, rowBegin, rowEnd, out, quadValid);
     }

@@ -30,9 +30,13 @@ TileShift tileShift(const TileField& field, int tile);
 // quadValid ((rowEnd - rowBegin) / 2 x width / 2 bytes).
 void resampleRowsPlain(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
                        int rowBegin, int rowEnd, float* out, unsigned char* quadValid);
-// The same values, each tile's rows filtered horizontally once and then combined.
+// The same values for quad columns [colBegin, colEnd) only (out: rows of
+// 2 (colEnd - colBegin) floats from sample column 2 colBegin; quadValid: rows of
+// colEnd - colBegin bytes), each run of tiles filtered horizontally and then
+// vertically.
 void resampleRowsFast(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,
-                      int rowBegin, int rowEnd, float* out, unsigned char* quadValid, std::vector<float>& h);
+                      int rowBegin, int rowEnd, int colBegin, int colEnd, float* out, unsigned char* quadValid,
+                      std::vector<float>& h);
 
 // The plain or the fast form.
 void resampleRows(const short* frame, int width, int height, const TileGrid& grid, const TileField& field,

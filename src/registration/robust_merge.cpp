@@ -1,7 +1,12 @@
 #include "registration/robust_merge.h"
 
 #include <cmath>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "imgcore/simd_dispatch.h"
 #include "registration/plane_resample.h"
@@ -154,7 +159,7 @@ void robustMergePlain(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         for (size_t q = 0; q < quads; ++q) s.weightMap[q] = weightMapValue(den[q], mergedOthers);
 }
 
-// ---- The fast form: bands of tile rows, row kernels. ----
+// ---- The fast form: bands of tile rows, row kernels, frames on workers. ----
 
 namespace {
 
@@ -190,6 +195,12 @@ public:
             }
         }
     }
+    // Columns [x0, x1) of row y into its slot, to be written back by flushBelow.
+    void putColumns(int y, int x0, int x1, const float* aligned, KernelIsa isa) {
+        alignedRow(isa, aligned, slot(y) + x0, x1 - x0);
+    }
+    // After every strip of the band ending at `end` has put its columns.
+    void stripsDone(int end) { flushBelow(end - lag_); }
     void flushBelow(int row) {
         for (; next_ < row; ++next_)
             std::memcpy(frame_ + static_cast<size_t>(next_) * width_, slot(next_), static_cast<size_t>(width_) * sizeof(short));
@@ -203,188 +214,285 @@ private:
     std::vector<short> rows_;
 };
 
-// Scratch rows of the band kernels.
-struct BandScratch {
-    std::vector<float> aligned, h, w, spread, minRows, acc, den, sampleWeights, denSamples, spreadRow, expected;
-    std::vector<unsigned char> valid;
+// One band's geometry: core quad rows [qa, qb), with the halos the window sums
+// ([wa, wb)) and the spreading of rejection ([ha, hb)) need.
+struct Band {
+    int qa, qb, wa, wb, ha, hb;
+};
+
+// A strip of quad columns of every band: core columns [sa, sb), computed over
+// [ea, eb), a halo of two quads on each side inside the frame. Its rows are arrays
+// of ew = eb - ea quads from column ea.
+struct Strip {
+    int sa, sb, ea, eb;
+    int ew() const { return eb - ea; }
+};
+
+// Scratch of one strip, and its share of every frame's counts.
+struct StripScratch {
+    std::vector<float> aligned, h, w, minRows, weights, spreadRow, expected, acc, den, sampleWeights, denSamples;
+    std::vector<unsigned char> valid, ones;
     std::vector<int32_t> d2, sumD2, rowD2[2], rowSignal[2], signal, samples, zeros;
-    std::vector<unsigned char> ones;
-    std::vector<int32_t> blackRow[2];  // the black level of every column, even and odd rows
+    std::vector<int32_t> blackRow[2];  // the black level of every column of the strip, even and odd rows
+    std::vector<int64_t> units, rejected;
 };
 
 // out[x] = the four samples of quad x of two rows, 0 where the quad has no data.
-void pairSums(const int32_t* __restrict r0, const int32_t* __restrict r1, const unsigned char* __restrict valid, int qc,
+void pairSums(const int32_t* __restrict r0, const int32_t* __restrict r1, const unsigned char* __restrict valid, int n,
               int32_t* __restrict out) {
-    for (int x = 0; x < qc; ++x) {
+    for (int x = 0; x < n; ++x) {
         const int32_t sum = (r0[2 * x] + r0[2 * x + 1]) + (r1[2 * x] + r1[2 * x + 1]);
         out[x] = sum * static_cast<int32_t>(valid[x]);
     }
 }
 
-// 3-sums along each row of a rows x qc array (exact integers).
-void rowSums3(const int32_t* in, int rows, int qc, int32_t* out) {
+// 3-sums along each row of a rows x n array (exact integers). The two end columns
+// lack a neighbour, which is right where they are the frame's edge and unused
+// where they are a strip's.
+void rowSums3(const int32_t* in, int rows, int n, int32_t* out) {
     for (int y = 0; y < rows; ++y) {
-        const int32_t* i = in + static_cast<size_t>(y) * qc;
-        int32_t* o = out + static_cast<size_t>(y) * qc;
-        o[0] = i[0] + (qc > 1 ? i[1] : 0);
-        for (int x = 1; x + 1 < qc; ++x) o[x] = (i[x - 1] + i[x]) + i[x + 1];
-        if (qc > 1) o[qc - 1] = i[qc - 2] + i[qc - 1];
+        const int32_t* i = in + static_cast<size_t>(y) * n;
+        int32_t* o = out + static_cast<size_t>(y) * n;
+        o[0] = i[0] + (n > 1 ? i[1] : 0);
+        for (int x = 1; x + 1 < n; ++x) o[x] = (i[x - 1] + i[x]) + i[x + 1];
+        if (n > 1) o[n - 1] = i[n - 2] + i[n - 1];
     }
 }
 
 // The three rows of a 3 x 3 window's vertical sum around quad row qy; beyond the
 // frame a row of zeros.
-void windowRows(const int32_t* sums, int first, int qy, int qr, int qc, const int32_t* zeros, const int32_t* rows[3]) {
+void windowRows(const int32_t* sums, int first, int qy, int qr, int n, const int32_t* zeros, const int32_t* rows[3]) {
     for (int k = 0; k < 3; ++k) {
         const int y = qy - 1 + k;
-        rows[k] = y >= 0 && y < qr ? sums + static_cast<size_t>(y - first) * qc : zeros;
+        rows[k] = y >= 0 && y < qr ? sums + static_cast<size_t>(y - first) * n : zeros;
     }
 }
 
-// Expected window sums of quad rows [first, last), from quad rows [ha, hb).
-void bandExpectations(const MergeSetup& s, int ha, int hb, int first, int last, BandScratch& b) {
-    const int qc = s.width / 2, qr = s.height / 2;
-    const size_t n = static_cast<size_t>(hb - ha) * qc;
-    b.signal.resize(2 * n);
-    b.samples.resize(2 * n);
-    const int width = s.width;
-    b.ones.assign(static_cast<size_t>(qc), 1);
-    for (int dy = 0; dy < 2; ++dy) b.rowSignal[dy].resize(static_cast<size_t>(width));
-    for (int qy = ha; qy < hb; ++qy) {
+// Expected window sums of the band's quad rows [wa, wb) over the strip.
+void stripExpectations(const MergeSetup& s, const Band& band, const Strip& strip, StripScratch& b) {
+    const int width = s.width, qr = s.height / 2, n = strip.ew();
+    const size_t cells = static_cast<size_t>(band.hb - band.ha) * n;
+    b.signal.resize(2 * cells);
+    b.samples.resize(2 * cells);
+    for (int qy = band.ha; qy < band.hb; ++qy) {
         for (int dy = 0; dy < 2; ++dy) {
-            const short* r = s.reference + static_cast<size_t>(2 * qy + dy) * width;
+            const short* r = s.reference + static_cast<size_t>(2 * qy + dy) * width + 2 * strip.ea;
             const int32_t* black = b.blackRow[dy].data();
             int32_t* g = b.rowSignal[dy].data();
-            for (int x = 0; x < width; ++x) g[x] = signalAbove(r[x], black[x]);
+            for (int x = 0; x < 2 * n; ++x) g[x] = signalAbove(r[x], black[x]);
         }
-        pairSums(b.rowSignal[0].data(), b.rowSignal[1].data(), b.ones.data(), qc, b.signal.data() + static_cast<size_t>(qy - ha) * qc);
-        std::fill(b.samples.begin() + static_cast<std::ptrdiff_t>(qy - ha) * qc,
-                  b.samples.begin() + static_cast<std::ptrdiff_t>(qy - ha + 1) * qc, 4);
+        pairSums(b.rowSignal[0].data(), b.rowSignal[1].data(), b.ones.data(), n,
+                 b.signal.data() + static_cast<size_t>(qy - band.ha) * n);
+        std::fill(b.samples.begin() + static_cast<std::ptrdiff_t>(qy - band.ha) * n,
+                  b.samples.begin() + static_cast<std::ptrdiff_t>(qy - band.ha + 1) * n, 4);
     }
-    rowSums3(b.signal.data(), hb - ha, qc, b.signal.data() + n);
-    rowSums3(b.samples.data(), hb - ha, qc, b.samples.data() + n);
-    b.zeros.assign(static_cast<size_t>(qc), 0);
-    b.expected.resize(static_cast<size_t>(last - first) * qc);
-    for (int qy = first; qy < last; ++qy) {
+    rowSums3(b.signal.data(), band.hb - band.ha, n, b.signal.data() + cells);
+    rowSums3(b.samples.data(), band.hb - band.ha, n, b.samples.data() + cells);
+    b.expected.resize(static_cast<size_t>(band.wb - band.wa) * n);
+    for (int qy = band.wa; qy < band.wb; ++qy) {
         const int32_t *sr[3], *nr[3];
-        windowRows(b.signal.data() + n, ha, qy, qr, qc, b.zeros.data(), sr);
-        windowRows(b.samples.data() + n, ha, qy, qr, qc, b.zeros.data(), nr);
-        float* e = b.expected.data() + static_cast<size_t>(qy - first) * qc;
-        for (int x = 0; x < qc; ++x)
-            e[x] = windowExpectation((sr[0][x] + sr[1][x]) + sr[2][x], (nr[0][x] + nr[1][x]) + nr[2][x], s.noiseA, s.noiseB);
+        windowRows(b.signal.data() + cells, band.ha, qy, qr, n, b.zeros.data(), sr);
+        windowRows(b.samples.data() + cells, band.ha, qy, qr, n, b.zeros.data(), nr);
+        float* e = b.expected.data() + static_cast<size_t>(qy - band.wa) * n;
+        for (int x = 0; x < n; ++x)
+            e[x] = windowExpectation((sr[0][x] + sr[1][x]) + sr[2][x], (nr[0][x] + nr[1][x]) + nr[2][x], s.noiseA,
+                                     s.noiseB);
     }
 }
 
-// Per-quad sums of squared differences of quad rows [first, last) (aligned rows
-// from quad row `first`).
-void differenceRows(const MergeSetup& s, const float* aligned, const unsigned char* valid, int first, int last,
-                    KernelIsa isa, BandScratch& b) {
-    const int width = s.width, qc = width / 2;
-    b.d2.resize(static_cast<size_t>(last - first) * qc);
-    for (int dy = 0; dy < 2; ++dy) b.rowD2[dy].resize(static_cast<size_t>(width));
-    for (int qy = first; qy < last; ++qy) {
+// Per-quad sums of squared differences of the band's quad rows [ha, hb).
+void differenceRows(const MergeSetup& s, const Band& band, const Strip& strip, KernelIsa isa, StripScratch& b) {
+    const int width = s.width, n = strip.ew();
+    b.d2.resize(static_cast<size_t>(band.hb - band.ha) * n);
+    for (int qy = band.ha; qy < band.hb; ++qy) {
         for (int dy = 0; dy < 2; ++dy)
-            squaredDifferenceRow(isa, aligned + static_cast<size_t>(2 * (qy - first) + dy) * width,
-                                 s.reference + static_cast<size_t>(2 * qy + dy) * width, b.rowD2[dy].data(), width);
-        const size_t row = static_cast<size_t>(qy - first) * qc;
-        pairSums(b.rowD2[0].data(), b.rowD2[1].data(), valid + row, qc, b.d2.data() + row);
+            squaredDifferenceRow(isa, b.aligned.data() + static_cast<size_t>(2 * (qy - band.ha) + dy) * (2 * n),
+                                 s.reference + static_cast<size_t>(2 * qy + dy) * width + 2 * strip.ea,
+                                 b.rowD2[dy].data(), 2 * n);
+        const size_t row = static_cast<size_t>(qy - band.ha) * n;
+        pairSums(b.rowD2[0].data(), b.rowD2[1].data(), b.valid.data() + row, n, b.d2.data() + row);
     }
 }
 
-// Weights of quad rows [first, last) (differences from quad row statFirst, validity
-// from validFirst, expectations from first).
-void windowWeightsRows(const MergeSetup& s, const TileGrid& grid, const std::vector<float>& spreads,
-                       const unsigned char* valid, int validFirst, int statFirst, int statLast, int first, int last,
-                       KernelIsa isa, BandScratch& b) {
-    const int qc = s.width / 2, qr = s.height / 2;
+// Weights of the band's quad rows [wa, wb).
+void windowWeightsRows(const MergeSetup& s, const TileGrid& grid, const std::vector<float>& spreads, const Band& band,
+                       const Strip& strip, KernelIsa isa, StripScratch& b) {
+    const int qr = s.height / 2, n = strip.ew();
     b.sumD2.resize(b.d2.size());
-    rowSums3(b.d2.data(), statLast - statFirst, qc, b.sumD2.data());
-    b.w.resize(static_cast<size_t>(last - first) * qc);
-    b.spreadRow.resize(static_cast<size_t>(qc));
-    for (int qy = first; qy < last; ++qy) {
+    rowSums3(b.d2.data(), band.hb - band.ha, n, b.sumD2.data());
+    b.w.resize(static_cast<size_t>(band.wb - band.wa) * n);
+    for (int qy = band.wa; qy < band.wb; ++qy) {
         const float* tileRow = spreads.data() + static_cast<size_t>(qy / kTileQuads) * grid.tilesX;
-        for (int x = 0; x < qc; ++x) b.spreadRow[static_cast<size_t>(x)] = tileRow[x / kTileQuads];
+        for (int x = 0; x < n; ++x) b.spreadRow[static_cast<size_t>(x)] = tileRow[(strip.ea + x) / kTileQuads];
         const int32_t* rows[3];
-        windowRows(b.sumD2.data(), statFirst, qy, qr, qc, b.zeros.data(), rows);
-        weightRow(isa, rows[0], rows[1], rows[2], b.expected.data() + static_cast<size_t>(qy - first) * qc,
-                  b.spreadRow.data(), valid + static_cast<size_t>(qy - validFirst) * qc,
-                  b.w.data() + static_cast<size_t>(qy - first) * qc, qc);
+        windowRows(b.sumD2.data(), band.ha, qy, qr, n, b.zeros.data(), rows);
+        weightRow(isa, rows[0], rows[1], rows[2], b.expected.data() + static_cast<size_t>(qy - band.wa) * n,
+                  b.spreadRow.data(), b.valid.data() + static_cast<size_t>(qy - band.ha) * n,
+                  b.w.data() + static_cast<size_t>(qy - band.wa) * n, n);
     }
 }
 
-// The smallest weight of the 3 x 3 quads around each quad of rows [first, last),
-// from the weights of rows [wFirst, wLast): a minimum of row minima.
-void spreadRejectionRows(int qc, int qr, int wFirst, int wLast, int first, int last, BandScratch& b) {
-    b.minRows.resize(static_cast<size_t>(wLast - wFirst) * qc);
-    for (int y = 0; y < wLast - wFirst; ++y) {
-        const float* in = b.w.data() + static_cast<size_t>(y) * qc;
-        float* h = b.minRows.data() + static_cast<size_t>(y) * qc;
-        h[0] = qc > 1 ? std::min(in[0], in[1]) : in[0];
-        for (int x = 1; x + 1 < qc; ++x) h[x] = std::min(std::min(in[x - 1], in[x]), in[x + 1]);
-        if (qc > 1) h[qc - 1] = std::min(in[qc - 2], in[qc - 1]);
+// The smallest weight of the 3 x 3 quads around each quad of the band's core rows
+// (a minimum of row minima).
+void spreadRejectionRows(int qr, const Band& band, const Strip& strip, StripScratch& b) {
+    const int n = strip.ew();
+    b.minRows.resize(static_cast<size_t>(band.wb - band.wa) * n);
+    for (int y = 0; y < band.wb - band.wa; ++y) {
+        const float* in = b.w.data() + static_cast<size_t>(y) * n;
+        float* h = b.minRows.data() + static_cast<size_t>(y) * n;
+        h[0] = n > 1 ? std::min(in[0], in[1]) : in[0];
+        for (int x = 1; x + 1 < n; ++x) h[x] = std::min(std::min(in[x - 1], in[x]), in[x + 1]);
+        if (n > 1) h[n - 1] = std::min(in[n - 2], in[n - 1]);
     }
-    b.spread.resize(static_cast<size_t>(last - first) * qc);
-    for (int qy = first; qy < last; ++qy) {
+    b.weights.resize(static_cast<size_t>(band.qb - band.qa) * n);
+    for (int qy = band.qa; qy < band.qb; ++qy) {
         const int ya = std::max(qy - 1, 0), yb = std::min(qy + 1, qr - 1);
-        float* o = b.spread.data() + static_cast<size_t>(qy - first) * qc;
-        const float* h = b.minRows.data() + static_cast<size_t>(ya - wFirst) * qc;
-        for (int x = 0; x < qc; ++x) o[x] = std::min(h[x], 1.0f);
+        float* o = b.weights.data() + static_cast<size_t>(qy - band.qa) * n;
+        const float* h = b.minRows.data() + static_cast<size_t>(ya - band.wa) * n;
+        for (int x = 0; x < n; ++x) o[x] = std::min(h[x], 1.0f);
         for (int y = ya + 1; y <= yb; ++y) {
-            h = b.minRows.data() + static_cast<size_t>(y - wFirst) * qc;
-            for (int x = 0; x < qc; ++x) o[x] = std::min(o[x], h[x]);
+            h = b.minRows.data() + static_cast<size_t>(y - band.wa) * n;
+            for (int x = 0; x < n; ++x) o[x] = std::min(o[x], h[x]);
         }
     }
 }
 
-// Adds a frame's weighted samples of quad rows [first, last) to the band's
-// accumulators (acc from raw row 2 * first, den from quad row first).
-void accumulateRows(const MergeSetup& s, const float* aligned, int first, int last, MergeFrame& f, int64_t& units,
-                    KernelIsa isa, BandScratch& b) {
-    const int width = s.width, qc = width / 2;
-    b.sampleWeights.resize(static_cast<size_t>(width));
+// Adds a frame's weighted samples of the band's core rows to the strip's
+// accumulators and counts its weights over the core columns.
+void accumulateRows(const MergeSetup& s, const Band& band, const Strip& strip, size_t frame, KernelIsa isa,
+                    StripScratch& b) {
+    const int n = strip.ew(), core0 = strip.sa - strip.ea, core1 = strip.sb - strip.ea;
+    (void)s;
     float* sw = b.sampleWeights.data();
-    for (int qy = first; qy < last; ++qy) {
-        const float* w = b.spread.data() + static_cast<size_t>(qy - first) * qc;
-        float* den = b.den.data() + static_cast<size_t>(qy - first) * qc;
+    int64_t units = 0, rejected = 0;
+    for (int qy = band.qa; qy < band.qb; ++qy) {
+        const float* w = b.weights.data() + static_cast<size_t>(qy - band.qa) * n;
+        float* den = b.den.data() + static_cast<size_t>(qy - band.qa) * n;
         int64_t rowUnits = 0;
-        int32_t rejected = 0;
-        for (int x = 0; x < qc; ++x) {
+        int32_t rowRejected = 0;
+        for (int x = core0; x < core1; ++x) {
             rowUnits += weightUnits(w[x]);
-            rejected += rejectedCount(w[x]);
-            den[x] += w[x];
+            rowRejected += rejectedCount(w[x]);
         }
-        for (int x = 0; x < qc; ++x) {
+        units += rowUnits;
+        rejected += rowRejected;
+        for (int x = 0; x < n; ++x) den[x] += w[x];
+        for (int x = 0; x < n; ++x) {
             sw[2 * x] = w[x];
             sw[2 * x + 1] = w[x];
         }
-        units += rowUnits;
-        f.rejectedQuads += rejected;
         for (int dy = 0; dy < 2; ++dy) {
-            const size_t r = static_cast<size_t>(2 * (qy - first) + dy) * width;
-            accumulateRow(isa, b.acc.data() + r, sw, aligned + r, width);
+            const size_t r = static_cast<size_t>(2 * (qy - band.qa) + dy) * (2 * n);
+            accumulateRow(isa, b.acc.data() + r, sw,
+                          b.aligned.data() + static_cast<size_t>(2 * (band.qa - band.ha)) * (2 * n) + r, 2 * n);
         }
     }
+    b.units[frame] += units;
+    b.rejected[frame] += rejected;
 }
 
-void finishBand(const MergeSetup& s, int first, int last, int mergedOthers, KernelIsa isa, BandScratch& b) {
-    const int width = s.width, qc = width / 2;
-    b.denSamples.resize(static_cast<size_t>(width));
-    for (int qy = first; qy < last; ++qy) {
-        const float* den = b.den.data() + static_cast<size_t>(qy - first) * qc;
-        for (int x = 0; x < qc; ++x) {
+// The output of the strip's core columns of the band, and their weight map.
+void finishStrip(const MergeSetup& s, const Band& band, const Strip& strip, int mergedOthers, KernelIsa isa,
+                 StripScratch& b) {
+    const int width = s.width, qc = width / 2, n = strip.ew(), core0 = strip.sa - strip.ea;
+    const int cols = 2 * (strip.sb - strip.sa);
+    for (int qy = band.qa; qy < band.qb; ++qy) {
+        const float* den = b.den.data() + static_cast<size_t>(qy - band.qa) * n;
+        for (int x = 0; x < n; ++x) {
             b.denSamples[static_cast<size_t>(2 * x)] = den[x];
             b.denSamples[static_cast<size_t>(2 * x + 1)] = den[x];
         }
         for (int y = 2 * qy; y < 2 * qy + 2; ++y)
-            finishRow(isa, b.acc.data() + static_cast<size_t>(y - 2 * first) * width, b.denSamples.data(),
-                      b.blackRow[y & 1].data(), s.output + static_cast<size_t>(y) * width, width, s.gain, s.outputBits);
+            finishRow(isa, b.acc.data() + static_cast<size_t>(y - 2 * band.qa) * (2 * n) + 2 * core0,
+                      b.denSamples.data() + 2 * core0, b.blackRow[y & 1].data() + 2 * core0,
+                      s.output + static_cast<size_t>(y) * width + 2 * strip.sa, cols, s.gain, s.outputBits);
     }
     if (s.weightMap == nullptr) return;
-    for (int qy = first; qy < last; ++qy)
-        for (int qx = 0; qx < qc; ++qx)
+    for (int qy = band.qa; qy < band.qb; ++qy)
+        for (int qx = strip.sa; qx < strip.sb; ++qx)
             s.weightMap[static_cast<size_t>(qy) * qc + qx] =
-                weightMapValue(b.den[static_cast<size_t>(qy - first) * qc + qx], mergedOthers);
+                weightMapValue(b.den[static_cast<size_t>(qy - band.qa) * n + (qx - strip.ea)], mergedOthers);
 }
+
+// A fixed set of threads that run the tasks of one step together with the caller
+// and return when all are done. Each task writes only its own data, so results
+// do not depend on which worker runs which task. Threads that cannot be started
+// leave the work to the others.
+class Workers {
+public:
+    explicit Workers(int count) {
+        for (int i = 1; i < count; ++i) {
+            try {
+                threads_.emplace_back([this, i] { loop(i); });
+            } catch (const std::system_error&) {
+                break;
+            }
+        }
+    }
+    ~Workers() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_all();
+        for (std::thread& t : threads_) t.join();
+    }
+    int count() const { return static_cast<int>(threads_.size()) + 1; }
+    // Runs task(worker, i) for every i in [0, tasks).
+    void run(int tasks, const std::function<void(int, int)>& task) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            task_ = &task;
+            tasks_ = tasks;
+            next_ = 0;
+            busy_ = static_cast<int>(threads_.size());
+            ++generation_;
+        }
+        wake_.notify_all();
+        work(0);
+        std::unique_lock<std::mutex> lock(mutex_);
+        done_.wait(lock, [this] { return busy_ == 0; });
+        task_ = nullptr;
+    }
+
+private:
+    void work(int worker) {
+        for (;;) {
+            int i;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (next_ >= tasks_) return;
+                i = next_++;
+            }
+            (*task_)(worker, i);
+        }
+    }
+    void loop(int worker) {
+        long seen = 0;
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait(lock, [&] { return stop_ || generation_ != seen; });
+                if (stop_) return;
+                seen = generation_;
+            }
+            work(worker);
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                --busy_;
+            }
+            done_.notify_one();
+        }
+    }
+
+    std::vector<std::thread> threads_;
+    std::mutex mutex_;
+    std::condition_variable wake_, done_;
+    const std::function<void(int, int)>* task_ = nullptr;
+    int tasks_ = 0, next_ = 0, busy_ = 0;
+    long generation_ = 0;
+    bool stop_ = false;
+};
 
 }  // namespace
 
@@ -395,50 +503,96 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
     const int mergedOthers = mergedOthersOf(frames);
     std::vector<AlignedRows> pending;
     std::vector<std::vector<float>> spreads;
-    std::vector<int64_t> units(frames.size(), 0);
     pending.reserve(frames.size());
     for (MergeFrame& f : frames) {
         pending.emplace_back(f.frame, width, readLag(*f.field));
         spreads.push_back(tileSpreads(*f.field));
     }
-    BandScratch b;
-    for (int dy = 0; dy < 2; ++dy) {
-        b.blackRow[dy].resize(static_cast<size_t>(width));
-        for (int x = 0; x < width; ++x) b.blackRow[dy][static_cast<size_t>(x)] = siteBlack(s, x, dy);
+    // One strip per worker, of whole tile columns.
+    Workers workers(std::max(1, std::min(s.workers, grid.tilesX)));
+    const int stripCount = workers.count();
+    std::vector<Strip> strips(static_cast<size_t>(stripCount));
+    std::vector<StripScratch> scratch(strips.size());
+    for (int i = 0; i < stripCount; ++i) {
+        Strip& st = strips[static_cast<size_t>(i)];
+        st.sa = std::min(qc, grid.tilesX * i / stripCount * kTileQuads);
+        st.sb = std::min(qc, grid.tilesX * (i + 1) / stripCount * kTileQuads);
+        st.ea = std::max(st.sa - 2, 0);
+        st.eb = std::min(st.sb + 2, qc);
+        StripScratch& b = scratch[static_cast<size_t>(i)];
+        const int n = st.ew();
+        for (int dy = 0; dy < 2; ++dy) {
+            b.blackRow[dy].resize(static_cast<size_t>(2 * n));
+            for (int x = 0; x < 2 * n; ++x) b.blackRow[dy][static_cast<size_t>(x)] = siteBlack(s, 2 * st.ea + x, dy);
+            b.rowD2[dy].resize(static_cast<size_t>(2 * n));
+            b.rowSignal[dy].resize(static_cast<size_t>(2 * n));
+        }
+        b.ones.assign(static_cast<size_t>(n), 1);
+        b.zeros.assign(static_cast<size_t>(n), 0);
+        b.spreadRow.resize(static_cast<size_t>(n));
+        b.sampleWeights.resize(static_cast<size_t>(2 * n));
+        b.denSamples.resize(static_cast<size_t>(2 * n));
+        b.units.assign(frames.size(), 0);
+        b.rejected.assign(frames.size(), 0);
     }
+    const bool oneStrip = stripCount == 1;
     for (int ty = 0; ty < grid.tilesY; ++ty) {
-        const int qa = grid.y0(ty), qb = grid.y1(ty);
-        // Aligned rows with a halo of two quad rows: one for the window sums, one
-        // for the spreading of rejection.
-        const int ha = std::max(qa - 2, 0), hb = std::min(qb + 2, qr);
-        const int wa = std::max(qa - 1, 0), wb = std::min(qb + 1, qr);
-        b.aligned.resize(static_cast<size_t>(2 * (hb - ha)) * width);
-        b.valid.resize(static_cast<size_t>(hb - ha) * qc);
-        if (s.output != nullptr) {
-            b.acc.resize(static_cast<size_t>(2 * (qb - qa)) * width);
-            const short* r = s.reference + static_cast<size_t>(2 * qa) * width;
-            for (size_t i = 0; i < b.acc.size(); ++i) b.acc[i] = r[i];
-            b.den.assign(static_cast<size_t>(qb - qa) * qc, 0.0f);
-            bandExpectations(s, ha, hb, wa, wb, b);
-        }
-        for (size_t k = 0; k < frames.size(); ++k) {
-            MergeFrame& f = frames[k];
-            resampleRowsFast(f.frame, width, height, grid, *f.field, 2 * ha, 2 * hb, b.aligned.data(), b.valid.data(),
-                             b.h);
-            if (f.merged && s.output != nullptr) {
-                differenceRows(s, b.aligned.data(), b.valid.data(), ha, hb, isa, b);
-                windowWeightsRows(s, grid, spreads[k], b.valid.data(), ha, ha, hb, wa, wb, isa, b);
-                spreadRejectionRows(qc, qr, wa, wb, qa, qb, b);
-                accumulateRows(s, b.aligned.data() + static_cast<size_t>(2 * (qa - ha)) * width, qa, qb, f, units[k],
-                               isa, b);
+        Band band;
+        band.qa = grid.y0(ty);
+        band.qb = grid.y1(ty);
+        band.wa = std::max(band.qa - 1, 0);
+        band.wb = std::min(band.qb + 1, qr);
+        band.ha = std::max(band.qa - 2, 0);
+        band.hb = std::min(band.qb + 2, qr);
+        workers.run(stripCount, [&](int, int i) {
+            const Strip& st = strips[static_cast<size_t>(i)];
+            StripScratch& b = scratch[static_cast<size_t>(i)];
+            const int n = st.ew();
+            b.aligned.resize(static_cast<size_t>(2 * (band.hb - band.ha)) * (2 * n));
+            b.valid.resize(static_cast<size_t>(band.hb - band.ha) * n);
+            if (s.output != nullptr) {
+                stripExpectations(s, band, st, b);
+                b.acc.resize(static_cast<size_t>(2 * (band.qb - band.qa)) * (2 * n));
+                for (int y = 2 * band.qa; y < 2 * band.qb; ++y) {
+                    const short* r = s.reference + static_cast<size_t>(y) * width + 2 * st.ea;
+                    float* a = b.acc.data() + static_cast<size_t>(y - 2 * band.qa) * (2 * n);
+                    for (int x = 0; x < 2 * n; ++x) a[x] = r[x];
+                }
+                b.den.assign(static_cast<size_t>(band.qb - band.qa) * n, 0.0f);
             }
-            pending[k].bandDone(2 * qa, 2 * qb, b.aligned.data() + static_cast<size_t>(2 * (qa - ha)) * width, isa);
-        }
-        if (s.output != nullptr) finishBand(s, qa, qb, mergedOthers, isa, b);
+            for (size_t k = 0; k < frames.size(); ++k) {
+                const MergeFrame& f = frames[k];
+                resampleRowsFast(f.frame, width, height, grid, *f.field, 2 * band.ha, 2 * band.hb, st.ea, st.eb,
+                                 b.aligned.data(), b.valid.data(), b.h);
+                if (f.merged && s.output != nullptr) {
+                    differenceRows(s, band, st, isa, b);
+                    windowWeightsRows(s, grid, spreads[k], band, st, isa, b);
+                    spreadRejectionRows(qr, band, st, b);
+                    accumulateRows(s, band, st, k, isa, b);
+                }
+                const float* core = b.aligned.data() + static_cast<size_t>(2 * (band.qa - band.ha)) * (2 * n);
+                if (oneStrip) {
+                    pending[k].bandDone(2 * band.qa, 2 * band.qb, core, isa);
+                } else {
+                    for (int y = 2 * band.qa; y < 2 * band.qb; ++y)
+                        pending[k].putColumns(y, 2 * st.sa, 2 * st.sb,
+                                              core + static_cast<size_t>(y - 2 * band.qa) * (2 * n) + 2 * (st.sa - st.ea),
+                                              isa);
+                }
+            }
+            if (s.output != nullptr) finishStrip(s, band, st, mergedOthers, isa, b);
+        });
+        if (!oneStrip)
+            workers.run(static_cast<int>(pending.size()), [&](int, int k) { pending[static_cast<size_t>(k)].stripsDone(2 * band.qb); });
     }
     for (size_t k = 0; k < frames.size(); ++k) {
         pending[k].flushBelow(height);
-        frames[k].weightSum = static_cast<double>(units[k]) / kWeightUnit;
+        int64_t units = 0;
+        for (StripScratch& b : scratch) {
+            units += b.units[k];
+            frames[k].rejectedQuads += b.rejected[k];
+        }
+        frames[k].weightSum = static_cast<double>(units) / kWeightUnit;
     }
 }
 

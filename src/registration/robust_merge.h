@@ -43,6 +43,7 @@ struct MergeSetup {
     float gain = 1.0f;               // >= 1 brightens about the black level
     uint16_t* output = nullptr;      // null: align only
     uint8_t* weightMap = nullptr;    // optional, per quad
+    int workers = 1;                 // threads of the fast form, the caller's included
 };
 
 // Rounding by truncation of a positive offset value (resampled values stay far
