@@ -9,6 +9,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -87,6 +88,84 @@ HashLines nightHashes(const NightCase& c) {
     out.add(c.name, "usable", std::to_string(r.usable));
     EXPECT_GT(r.usable, 1) << c.name << ": the burst fell back to the reference";
     return out;
+}
+
+// The night path with options: the robust merge (estimated and given noise, 10 and
+// 16 bits, a subject that moves on its own) and the mean merge at 12 bits.
+struct ProcessCase {
+    const char* name;
+    pipeline_inputs::NightBurst burst;
+    KepNightOptions options;
+};
+
+std::vector<ProcessCase> processCases() {
+    std::vector<ProcessCase> cases;
+    const std::vector<NightCase> night = nightCases();
+    KepNightOptions o;
+    kepNightDefaultOptions(&o);
+    o.sharpnessRatio = 0.5f;
+    o.mergeMode = KEP_MERGE_ROBUST;
+    cases.push_back({"robust_shake", night[0].burst, o});
+    pipeline_inputs::NightBurst subject = night[1].burst;
+    pipeline_inputs::addMovingDisc(subject, 150, 120, 40, 20);
+    KepNightOptions deep = o;
+    deep.bayerPattern = 2;
+    deep.outputBits = 16;
+    deep.gain = 1.5f;
+    deep.noiseGiven = 1;
+    deep.noiseA = 2.0f;
+    deep.noiseB = 9.0f;
+    deep.minFeatureCount = 8;
+    deep.workers = 1;
+    cases.push_back({"robust_subject16", subject, deep});
+    KepNightOptions mean = o;
+    mean.mergeMode = KEP_MERGE_MEAN;
+    mean.outputBits = 12;
+    cases.push_back({"mean_shake12", night[0].burst, mean});
+    return cases;
+}
+
+std::string bits(float v) {
+    uint32_t u;
+    std::memcpy(&u, &v, sizeof u);
+    char text[9];
+    std::snprintf(text, sizeof text, "%08" PRIx32, u);
+    return text;
+}
+
+HashLines processHashes(const ProcessCase& c) {
+    HashLines out;
+    std::srand(1);
+    const pipeline_inputs::NightProcessResult r = pipeline_inputs::runNightProcess(c.burst, c.options);
+    EXPECT_EQ(r.status, KEP_NIGHT_OK) << c.name;
+    out.add(c.name, "merged",
+            hex(pipeline_inputs::fnv1a64(reinterpret_cast<const short*>(r.output.data()), r.output.size())));
+    for (size_t k = 0; k < r.frames.size(); ++k) out.add(c.name, "aligned" + std::to_string(k), hex(fnv1a64(r.frames[k])));
+    const KepNightResult& m = r.result;
+    std::string outcomes, weights;
+    for (size_t k = 0; k < r.frames.size(); ++k) {
+        outcomes += std::to_string(m.frameOutcome[k]);
+        weights += bits(m.frameWeight[k]) + ",";
+    }
+    out.add(c.name, "result",
+            std::to_string(m.usableFrames) + "," + std::to_string(m.validTop) + "," + std::to_string(m.validLeft) + "," +
+                std::to_string(m.validRight) + "," + std::to_string(m.validBottom) + "," +
+                std::to_string(m.featurePoints) + "," + outcomes);
+    out.add(c.name, "weights", weights + bits(m.rejectedFraction) + "," + bits(m.refinedTileFraction));
+    out.add(c.name, "noise", bits(m.noiseA) + "," + bits(m.noiseB) + "," + std::to_string(m.noiseEstimated));
+    EXPECT_GT(m.usableFrames, 1) << c.name << ": the burst fell back to the reference";
+    return out;
+}
+
+TEST(PipelineHashes, NightProcess) {
+    for (const ProcessCase& c : processCases()) {
+        const HashLines first = processHashes(c);
+        ProcessCase other = c;
+        other.options.workers = c.options.workers == 1 ? 3 : 1;
+        const HashLines second = processHashes(other);
+        ASSERT_EQ(first.lines, second.lines) << c.name << ": the result depends on the number of workers";
+        first.publish();
+    }
 }
 
 TEST(PipelineHashes, NightEntry) {

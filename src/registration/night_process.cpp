@@ -193,9 +193,7 @@ void runRobust(const Layout& l, const KepNightOptions& o, int* black, uint16_t* 
             robustMergePlain(setup, frames);
     }
 
-    const double quads = static_cast<double>(l.width / 2) * (l.height / 2);
-    long long rejected = 0;
-    int others = 0;
+    long long rejected = 0, data = 0;
     for (int i = 0; i < l.frameCount; ++i) {
         int outcome;
         if (i == kReferenceIndex) outcome = KEP_FRAME_REFERENCE;
@@ -207,12 +205,13 @@ void runRobust(const Layout& l, const KepNightOptions& o, int* black, uint16_t* 
     }
     for (size_t k = 0; k < frames.size(); ++k) {
         if (!frames[k].merged || !merging) continue;
+        const double quads = static_cast<double>(std::max(frames[k].dataQuads, 1LL));
         r.frameWeight[index[k]] = static_cast<float>(frames[k].weightSum / quads);
         rejected += frames[k].rejectedQuads;
-        ++others;
+        data += frames[k].dataQuads;
     }
     r.frameWeight[kReferenceIndex] = 1.0f;
-    r.rejectedFraction = others > 0 ? static_cast<float>(static_cast<double>(rejected) / (quads * others)) : 0.0f;
+    r.rejectedFraction = data > 0 ? static_cast<float>(static_cast<double>(rejected) / static_cast<double>(data)) : 0.0f;
     r.refinedTileFraction =
         rf.refinableTiles > 0 ? static_cast<float>(static_cast<double>(rf.refinedTiles) / rf.refinableTiles) : 0.0f;
     r.usableFrames = aligning ? std::max(usable, 1) : 1;

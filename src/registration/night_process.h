@@ -115,8 +115,10 @@ typedef struct KepNightResult {
     int32_t validTop, validLeft, validRight, validBottom; /* as USERZOOM */
     int32_t featurePoints;   /* feature points found on the reference guide */
     int32_t frameOutcome[KEP_NIGHT_MAX_FRAMES];   /* enum KepFrameOutcome, frames 0..frameCount-1 */
-    float frameWeight[KEP_NIGHT_MAX_FRAMES];      /* mean merge weight per frame (0 when not merged) */
-    float rejectedFraction;  /* share of merged non-reference samples whose weight fell below 1/2 */
+    float frameWeight[KEP_NIGHT_MAX_FRAMES];      /* mean merge weight per frame over its samples with data
+                                                     (mean mode: 1 merged, 0 not merged) */
+    float rejectedFraction;  /* share of the merged frames' samples with data (the reference's
+                                aside) whose weight fell below 1/2: rejected as motion */
     float noiseA, noiseB;    /* the noise model used (robust mode) */
     int32_t noiseEstimated;  /* nonzero when noiseA/noiseB were estimated from the burst */
     float refinedTileFraction; /* share of tiles of merged frames whose motion refinement was kept */

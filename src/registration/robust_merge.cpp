@@ -92,7 +92,9 @@ std::vector<float> frameWeightsPlain(const MergeSetup& s, const TileGrid& grid, 
                 }
         }
     const std::vector<float> spreads = tileSpreads(field);
-    std::vector<float> w(quads, 0.0f), spread(quads, 0.0f);
+    // Quads without data take no part in the spreading of rejection (they are not
+    // rejections) and get weight 0 at the end.
+    std::vector<float> w(quads, 1.0f), spread(quads, 0.0f);
     for (int qy = 0; qy < qr; ++qy)
         for (int qx = 0; qx < qc; ++qx) {
             const size_t q = static_cast<size_t>(qy) * qc + qx;
@@ -108,7 +110,7 @@ std::vector<float> frameWeightsPlain(const MergeSetup& s, const TileGrid& grid, 
             for (int y = std::max(qy - 1, 0); y <= std::min(qy + 1, qr - 1); ++y)
                 for (int x = std::max(qx - 1, 0); x <= std::min(qx + 1, qc - 1); ++x)
                     m = std::min(m, w[static_cast<size_t>(y) * qc + x]);
-            spread[static_cast<size_t>(qy) * qc + qx] = m;
+            spread[static_cast<size_t>(qy) * qc + qx] = valid[static_cast<size_t>(qy) * qc + qx] ? m : 0.0f;
         }
     return spread;
 }
@@ -136,7 +138,8 @@ void robustMergePlain(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         int64_t units = 0;
         for (size_t q = 0; q < quads; ++q) {
             units += weightUnits(w[q]);
-            f.rejectedQuads += rejectedCount(w[q]);
+            f.rejectedQuads += rejectedCount(w[q]) * valid[q];
+            f.dataQuads += valid[q];
             den[q] += w[q];
         }
         f.weightSum = static_cast<double>(units) / kWeightUnit;
@@ -234,7 +237,7 @@ struct StripScratch {
     std::vector<unsigned char> valid, ones;
     std::vector<int32_t> d2, sumD2, rowD2[2], rowSignal[2], signal, samples, zeros;
     std::vector<int32_t> blackRow[2];  // the black level of every column of the strip, even and odd rows
-    std::vector<int64_t> units, rejected;
+    std::vector<int64_t> units, rejected, data;
 };
 
 // out[x] = the four samples of quad x of two rows, 0 where the quad has no data.
@@ -354,6 +357,8 @@ void spreadRejectionRows(int qr, const Band& band, const Strip& strip, StripScra
             h = b.minRows.data() + static_cast<size_t>(y - band.wa) * n;
             for (int x = 0; x < n; ++x) o[x] = std::min(o[x], h[x]);
         }
+        const unsigned char* v = b.valid.data() + static_cast<size_t>(qy - band.ha) * n;
+        for (int x = 0; x < n; ++x) o[x] = v[x] ? o[x] : 0.0f;
     }
 }
 
@@ -364,18 +369,21 @@ void accumulateRows(const MergeSetup& s, const Band& band, const Strip& strip, s
     const int n = strip.ew(), core0 = strip.sa - strip.ea, core1 = strip.sb - strip.ea;
     (void)s;
     float* sw = b.sampleWeights.data();
-    int64_t units = 0, rejected = 0;
+    int64_t units = 0, rejected = 0, data = 0;
     for (int qy = band.qa; qy < band.qb; ++qy) {
         const float* w = b.weights.data() + static_cast<size_t>(qy - band.qa) * n;
+        const unsigned char* v = b.valid.data() + static_cast<size_t>(qy - band.ha) * n;
         float* den = b.den.data() + static_cast<size_t>(qy - band.qa) * n;
         int64_t rowUnits = 0;
-        int32_t rowRejected = 0;
+        int32_t rowRejected = 0, rowData = 0;
         for (int x = core0; x < core1; ++x) {
             rowUnits += weightUnits(w[x]);
-            rowRejected += rejectedCount(w[x]);
+            rowRejected += rejectedCount(w[x]) * v[x];
+            rowData += v[x];
         }
         units += rowUnits;
         rejected += rowRejected;
+        data += rowData;
         for (int x = 0; x < n; ++x) den[x] += w[x];
         for (int x = 0; x < n; ++x) {
             sw[2 * x] = w[x];
@@ -389,6 +397,7 @@ void accumulateRows(const MergeSetup& s, const Band& band, const Strip& strip, s
     }
     b.units[frame] += units;
     b.rejected[frame] += rejected;
+    b.data[frame] += data;
 }
 
 // The output of the strip's core columns of the band, and their weight map.
@@ -534,6 +543,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         b.denSamples.resize(static_cast<size_t>(2 * n));
         b.units.assign(frames.size(), 0);
         b.rejected.assign(frames.size(), 0);
+        b.data.assign(frames.size(), 0);
     }
     const bool oneStrip = stripCount == 1;
     for (int ty = 0; ty < grid.tilesY; ++ty) {
@@ -591,6 +601,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         for (StripScratch& b : scratch) {
             units += b.units[k];
             frames[k].rejectedQuads += b.rejected[k];
+            frames[k].dataQuads += b.data[k];
         }
         frames[k].weightSum = static_cast<double>(units) / kWeightUnit;
     }

@@ -15,8 +15,8 @@
 // quads inside the frame; signal: the reference above its black level; spread:
 // the resampling's noise variance factor),
 // w = clamp((kRejectAt - z) * kWeightSlope, 0, 1), and the quad's weight is the
-// smallest w of the 3 x 3 quads around it, so that rejection reaches the edges of
-// a moving thing. The merge is
+// smallest w of the 3 x 3 quads around it that have data, so that rejection reaches
+// the edges of a moving thing; a quad without data has weight 0. The merge is
 //   (reference + sum of w * aligned) / (1 + sum of w)
 // over the merged frames in index order: the reference always counts fully.
 namespace registration_detail {
@@ -29,9 +29,10 @@ struct MergeFrame {
     short* frame = nullptr;          // overwritten with its aligned version (0..1023, 0 without source)
     const TileField* field = nullptr;
     bool merged = false;             // counts in the merge; otherwise only aligned
-    // Results over all quads of the frame (merged frames, when an output is given):
+    // Results over the quads of the frame (merged frames, when an output is given):
     double weightSum = 0.0;
-    long long rejectedQuads = 0;     // weight below 1/2
+    long long dataQuads = 0;         // quads with data
+    long long rejectedQuads = 0;     // quads with data whose weight is below 1/2
 };
 
 struct MergeSetup {

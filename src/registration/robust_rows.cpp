@@ -49,7 +49,7 @@ KEP_KERNEL_BODY void weightRowBody(const int32_t* d0, const int32_t* d1, const i
                                    const float* spread, const unsigned char* valid, float* out, int n) {
     for (int i = 0; i < n; ++i) {
         const float w = mergeWeight((d0[i] + d1[i]) + d2[i], expected[i], spread[i]);
-        out[i] = valid[i] ? w : 0.0f;
+        out[i] = valid[i] ? w : 1.0f;
     }
 }
 

@@ -22,7 +22,8 @@ void linearRow(KernelIsa isa, const short* in, const float* const* w, float* out
 void linearColumn(KernelIsa isa, const float* const* h, const float* const* w, float* out, int n);
 // out[i] = squaredDifference(a[i], r[i]).
 void squaredDifferenceRow(KernelIsa isa, const float* a, const short* r, int32_t* out, int n);
-// out[x] = mergeWeight of the three rows' sums of quad x, 0 where valid[x] is 0.
+// out[x] = mergeWeight of the three rows' sums of quad x, 1 where valid[x] is 0 (a
+// quad without data is no rejection to spread).
 void weightRow(KernelIsa isa, const int32_t* d0, const int32_t* d1, const int32_t* d2, const float* expected,
                const float* spread, const unsigned char* valid, float* out, int n);
 // acc[i] += w[i] * a[i].

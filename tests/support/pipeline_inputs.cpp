@@ -83,6 +83,31 @@ NightResult runNight(const NightBurst& burst, const NightParams& p) {
     return r;
 }
 
+void addMovingDisc(NightBurst& burst, int cx, int cy, int radius, int step) {
+    for (size_t k = 2; k < burst.frames.size(); ++k) {
+        const int centre = cx + (static_cast<int>(k) - 2) * step;
+        for (int y = std::max(cy - radius, 0); y < std::min(cy + radius, burst.height); ++y)
+            for (int x = std::max(centre - radius, 0); x < std::min(centre + radius, burst.width); ++x) {
+                const int u = x - centre, v = y - cy;
+                if (u * u + v * v >= radius * radius) continue;
+                const int checker = ((u + 64) / 6 + (v + 64) / 6) & 1;
+                burst.frames[k][static_cast<size_t>(y) * burst.width + x] = static_cast<short>(64 + 60 + 160 * checker);
+            }
+    }
+}
+
+NightProcessResult runNightProcess(const NightBurst& burst, const KepNightOptions& options) {
+    NightProcessResult r;
+    r.frames = burst.frames;
+    std::vector<short*> pointers;
+    for (auto& f : r.frames) pointers.push_back(f.data());
+    r.output.assign(static_cast<size_t>(burst.width) * burst.height, 0);
+    r.result.structSize = sizeof(KepNightResult);
+    r.status = kepNightProcess(pointers.data(), static_cast<int>(pointers.size()), burst.width, burst.height, &options,
+                               r.output.data(), &r.result);
+    return r;
+}
+
 bool operator==(const NightResult& a, const NightResult& b) {
     return a.output == b.output && a.frames == b.frames && a.usable == b.usable && a.zoom.top == b.zoom.top &&
            a.zoom.left == b.zoom.left && a.zoom.right == b.zoom.right && a.zoom.bottom == b.zoom.bottom &&

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "imgcore/types.h"
+#include "registration/night_process.h"
 
 // Fixed inputs for whole-pipeline runs of the two entries (concurrency tests and
 // cross-architecture output hashes), and small helpers to run them on private
@@ -63,6 +64,20 @@ struct NightResult {
 
 // Runs qnNocturnPreProcess on a private copy of the burst.
 NightResult runNight(const NightBurst& burst, const NightParams& params);
+
+// A disc of radius r with its own checker texture that moves step samples to the
+// right per frame on top of every normal frame, centred at (cx, cy) in frame 2.
+// Integer arithmetic only.
+void addMovingDisc(NightBurst& burst, int cx, int cy, int radius, int step);
+
+// kepNightProcess on a private copy of the burst.
+struct NightProcessResult {
+    int status = 0;
+    std::vector<uint16_t> output;
+    std::vector<std::vector<short>> frames;
+    KepNightResult result{};
+};
+NightProcessResult runNightProcess(const NightBurst& burst, const KepNightOptions& options);
 
 bool operator==(const NightResult& a, const NightResult& b);
 
