@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "dng_writer.h"
 #include "output_files.h"
+#include "registration/night_process.h"
 
 namespace kepraw {
 
@@ -93,24 +94,52 @@ int resolvePattern(const ParsedArgs& args, const std::vector<RawImage>& frames, 
     return fromFiles >= 0 ? fromFiles : 0;
 }
 
-void writeRawResult(const std::string& target, const std::string& temp, const std::vector<short>& samples, int width,
-                    int height, int pattern, const int siteBlack[4], long& clamped) {
+void writeRawResult(const std::string& target, const std::string& temp, const std::vector<uint16_t>& samples,
+                    int width, int height, int pattern, const int siteBlack[4], int bits, long& clamped) {
     clamped = 0;
     if (!isDngPath(target)) {
-        writeHeaderlessRaw(temp, samples.data(), samples.size());
+        writeHeaderlessRaw(temp, reinterpret_cast<const short*>(samples.data()), samples.size());
         return;
     }
     std::vector<unsigned short> stored(samples.size());
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const int v = samples[i];
-        if (v < 0 || v > 1023) ++clamped;
-        stored[i] = static_cast<unsigned short>(v < 0 ? 0 : v > 1023 ? 1023 : v);
+    if (bits == 10) {
+        for (size_t i = 0; i < samples.size(); ++i) {
+            const int v = static_cast<short>(samples[i]);
+            if (v < 0 || v > 1023) ++clamped;
+            stored[i] = static_cast<unsigned short>(v < 0 ? 0 : v > 1023 ? 1023 : v);
+        }
+    } else {
+        stored.assign(samples.begin(), samples.end());
     }
     DngOptions o;
     o.pattern = pattern;
-    for (int s = 0; s < 4; ++s) o.black[s] = siteBlack[s];
-    o.white = 1023;
+    for (int s = 0; s < 4; ++s) o.black[s] = siteBlack[s] << (bits - 10);
+    o.white = (1 << bits) - 1;
     writeDng(temp, stored.data(), width, height, o);
+}
+
+const char* frameOutcomeCode(int outcome) {
+    switch (outcome) {
+        case KEP_FRAME_REFERENCE: return "reference";
+        case KEP_FRAME_MERGED: return "merged";
+        case KEP_FRAME_ALIGNED_SHORT: return "aligned-short";
+        case KEP_FRAME_REJECTED_BLUR: return "rejected-blur";
+        case KEP_FRAME_REJECTED_ALIGNMENT: return "rejected-alignment";
+        case KEP_FRAME_NOT_ALIGNED: return "not-aligned";
+        default: return "unknown";
+    }
+}
+
+const char* frameOutcomeText(int outcome) {
+    switch (outcome) {
+        case KEP_FRAME_REFERENCE: return "reference";
+        case KEP_FRAME_MERGED: return "aligned, merged";
+        case KEP_FRAME_ALIGNED_SHORT: return "aligned (short exposure, never merged)";
+        case KEP_FRAME_REJECTED_BLUR: return "rejected: not sharp enough";
+        case KEP_FRAME_REJECTED_ALIGNMENT: return "rejected: alignment failed";
+        case KEP_FRAME_NOT_ALIGNED: return "not aligned: registration fell back to the reference";
+        default: return "unknown";
+    }
 }
 
 void describeInputs(JsonWriter& json, const std::vector<RawImage>& frames) {

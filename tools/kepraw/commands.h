@@ -45,11 +45,18 @@ void checkRawOutputName(const std::string& path, const std::string& option);
 // else the files' (all must agree), else RGGB.
 int resolvePattern(const ParsedArgs& args, const std::vector<RawImage>& frames, std::vector<std::string>& notes);
 
-// Writes the raw result: DNG when the name ends in .dng (samples clamped to
-// 0..1023, counted in `clamped`), otherwise headerless 16-bit little-endian with
-// the samples exactly as the library produced them.
-void writeRawResult(const std::string& target, const std::string& temp, const std::vector<short>& samples, int width,
-                    int height, int pattern, const int siteBlack[4], long& clamped);
+// Writes the raw result: DNG when the name ends in .dng, otherwise headerless
+// 16-bit little-endian with the samples exactly as the library produced them.
+// Samples are `bits` deep: 10-bit results are the library's signed samples, and
+// the DNG clamps them to 0..1023 (counted in `clamped`); deeper ones are unsigned
+// and the DNG's white level and black levels (siteBlack, 10-bit) are scaled to them.
+void writeRawResult(const std::string& target, const std::string& temp, const std::vector<uint16_t>& samples,
+                    int width, int height, int pattern, const int siteBlack[4], int bits, long& clamped);
+
+// A frame's outcome (KepFrameOutcome) as a short code ("merged", "rejected-blur",
+// ...) and as words.
+const char* frameOutcomeCode(int outcome);
+const char* frameOutcomeText(int outcome);
 
 // --black given as `count` levels (or one for all), in the files' units: each must
 // lie below fileWhite and is scaled to 10 bits. Empty when --black is absent.

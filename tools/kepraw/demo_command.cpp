@@ -7,22 +7,21 @@
 #include <cstring>
 #include <iostream>
 
+#include "burst_scenes.h"
 #include "cli.h"
 #include "commands.h"
 #include "library_capture.h"
-#include "merge_analysis.h"
 #include "output_files.h"
 #include "png_preview.h"
-#include "registration/nocturn_entry.h"
+#include "registration/night_process.h"
 #include "synthetic_scene.h"
 
 namespace kepraw {
 
 namespace {
 
-constexpr uint32_t kSceneSeed = 11;
+constexpr uint32_t kSceneSeed = 7;
 constexpr int kBlack = 64;
-constexpr int kMinFeatureCount = 30;
 constexpr double kPi = 3.14159265358979323846;
 
 const std::vector<OptionDef> kDemoOptions = {{"--out", true}, {"--size", true}};
@@ -46,50 +45,68 @@ double clippedPercent(const std::vector<short>& frame) {
     return 100.0 * n / static_cast<double>(frame.size());
 }
 
+// One merge of the demo burst and its quality against the noiseless scene.
 struct NightDemo {
+    const char* name;
     std::vector<short> merged;
-    int usable = 0;
-    USERZOOM zoom{0, 0, 0, 0, 0};
-    NightAnalysis analysis;
+    std::vector<uint8_t> weights;
+    KepNightResult result{};
     double seconds = 0;
-    double psnrReference = 0;
-    double psnrMerged = 0;
+    double psnr[3] = {0, 0, 0};  // static, subject, ghost area
     std::vector<std::string> libraryLines;
 };
 
-NightDemo runNightDemo(const kep::synth::Burst& burst) {
+const kep::synth::Region kRegions[3] = {kep::synth::kRegionStatic, kep::synth::kRegionSubject,
+                                        kep::synth::kRegionGhost};
+
+NightDemo runNightDemo(const kep::synth::SceneBurst& scene, int mode) {
     NightDemo d;
-    const int w = burst.width, h = burst.height;
+    d.name = mode == KEP_MERGE_ROBUST ? "robust" : "mean";
+    const kep::synth::Burst& burst = scene.burst;
     std::vector<std::vector<short>> work = burst.frames;
     std::vector<short*> pointers;
     for (auto& f : work) pointers.push_back(f.data());
-    d.merged.assign(static_cast<size_t>(w) * h, 0);
-
+    std::vector<uint16_t> merged(burst.clean.size());
+    KepNightOptions o;
+    kepNightDefaultOptions(&o);
+    o.mergeMode = mode;
+    if (mode == KEP_MERGE_ROBUST) {
+        d.weights.assign(merged.size() / 4, 0);
+        o.weightMap = d.weights.data();
+    }
+    d.result.structSize = sizeof(d.result);
     const auto start = std::chrono::steady_clock::now();
     {
         LibraryCapture capture;
-        qnNocturnPreProcess(pointers.data(), d.merged.data(), static_cast<int>(pointers.size()), &d.usable, w, h, 1,
-                            kMinFeatureCount, 0, &d.zoom, 0, kBlack, kBlack, kBlack, 0.0f, 0.0f, 1.0f, 1.0f, 0.0f,
-                            0.9f);
+        const int status = kepNightProcess(pointers.data(), static_cast<int>(pointers.size()), burst.width,
+                                           burst.height, &o, merged.data(), &d.result);
         d.libraryLines = capture.finish();
+        if (status != KEP_NIGHT_OK) throw std::runtime_error(std::string("night path: ") + kepNightStatusText(status));
     }
     d.seconds = secondsSince(start);
-
-    NightCall call{&burst.frames, &work,  d.merged.data(),  w,    h,
-                   d.usable,      d.zoom, kMinFeatureCount, 1.0f, {kBlack, kBlack, kBlack, kBlack}};
-    d.analysis = analyseNightResult(call);
-
-    // PSNR over the valid area of the merge (the whole frame when the reference came back).
-    int top = 0, left = 0, right = w, bottom = h;
-    if (!d.analysis.fellBack) {
-        top = std::max(0, d.zoom.top);
-        left = std::max(0, d.zoom.left);
-        right = std::min(w, d.zoom.right);
-        bottom = std::min(h, d.zoom.bottom);
-    }
-    d.psnrReference = kep::synth::psnr(burst.frames[2].data(), burst.clean.data(), w, left, top, right, bottom);
-    d.psnrMerged = kep::synth::psnr(d.merged.data(), burst.clean.data(), w, left, top, right, bottom);
+    d.merged.assign(merged.begin(), merged.end());
+    for (int r = 0; r < 3; ++r)
+        d.psnr[r] = kep::synth::regionPsnr(d.merged.data(), burst.clean.data(), scene.regions, kRegions[r]);
     return d;
+}
+
+void describeNight(JsonWriter& json, const NightDemo& d) {
+    json.beginObject(d.name)
+        .value("usableFrameCount", d.result.usableFrames)
+        .beginObject("validArea")
+        .value("top", d.result.validTop)
+        .value("left", d.result.validLeft)
+        .value("right", d.result.validRight)
+        .value("bottom", d.result.validBottom)
+        .endObject()
+        .value("pointCount", d.result.featurePoints)
+        .value("psnrStatic", d.psnr[0])
+        .value("psnrSubject", d.psnr[1])
+        .value("psnrGhostArea", d.psnr[2])
+        .value("rejectedFraction", d.result.rejectedFraction)
+        .value("seconds", d.seconds)
+        .stringArray("libraryOutput", d.libraryLines)
+        .endObject();
 }
 
 }  // namespace
@@ -111,25 +128,31 @@ int runDemo(const std::vector<std::string>& args) {
     if (dir.empty()) throw InputError("--out: empty directory name");
     makeDirectory(dir);
 
-    // Temporaries: reference.raw, merged.raw, reference.png, merged.png,
-    // report.json, then hdr.raw and hdr.png when the HDR path is built.
-    std::vector<std::string> names = {"reference.raw", "merged.raw", "reference.png", "merged.png", "report.json"};
+    std::vector<std::string> names = {"reference.raw",     "merged-mean.raw", "merged-robust.raw", "reference.png",
+                                      "merged-mean.png",   "merged-robust.png", "weights.png",     "report.json"};
     if (hdrAvailable()) names.insert(names.end(), {"hdr.raw", "hdr.png"});
     OutputFiles outputs({});
     std::vector<std::string> temps;
     for (const std::string& name : names) temps.push_back(outputs.claim(dir + "/" + name, "--out"));
 
+    // A burst with hand shake and a subject that moves on its own, and a bracket.
     const auto buildStart = std::chrono::steady_clock::now();
-    const kep::synth::Scene scene(size.width, size.height, kSceneSeed);
-    kep::synth::BurstOptions burstOptions;
+    kep::synth::SceneBurstOptions burstOptions;
+    burstOptions.scene = kep::synth::BurstScene::MovingSubject;
     burstOptions.width = size.width;
     burstOptions.height = size.height;
-    const kep::synth::Burst burst = kep::synth::makeNightBurst(scene, burstOptions);
+    burstOptions.seed = kSceneSeed;
+    const kep::synth::SceneBurst scene = kep::synth::makeSceneBurst(burstOptions);
+    const kep::synth::Burst& burst = scene.burst;
     const kep::synth::HdrBracketOptions bracketOptions;
-    const kep::synth::HdrBracket bracket = kep::synth::makeHdrBracket(scene, bracketOptions);
+    const kep::synth::HdrBracket bracket =
+        kep::synth::makeHdrBracket(kep::synth::Scene(size.width, size.height, kSceneSeed), bracketOptions);
     const double buildSeconds = secondsSince(buildStart);
 
-    NightDemo night = runNightDemo(burst);
+    const NightDemo nights[2] = {runNightDemo(scene, KEP_MERGE_MEAN), runNightDemo(scene, KEP_MERGE_ROBUST)};
+    double referencePsnr[3];
+    for (int r = 0; r < 3; ++r)
+        referencePsnr[r] = kep::synth::regionPsnr(burst.frames[2].data(), burst.clean.data(), scene.regions, kRegions[r]);
 
     std::vector<short> fused;
     double hdrSeconds = 0;
@@ -146,24 +169,27 @@ int runDemo(const std::vector<std::string>& args) {
         hdrSeconds = secondsSince(start);
     }
 
-    // Outputs: the reference and the merge share one white balance and exposure
-    // so that their previews compare directly.
+    // The reference and both merges share one white balance and exposure so that
+    // their previews compare directly.
     const short* reference = burst.frames[2].data();
     PreviewOptions po;
     std::fill(po.black, po.black + 4, kBlack);
-    const Preview mergedPreview = renderPreview(night.merged.data(), size.width, size.height, po);
-    po.redGain = mergedPreview.redGain;
-    po.blueGain = mergedPreview.blueGain;
-    po.exposure = mergedPreview.exposure;
+    const Preview meanPreview = renderPreview(nights[0].merged.data(), size.width, size.height, po);
+    po.redGain = meanPreview.redGain;
+    po.blueGain = meanPreview.blueGain;
+    po.exposure = meanPreview.exposure;
     writeHeaderlessRaw(temps[0], reference, burst.frames[2].size());
-    writeHeaderlessRaw(temps[1], night.merged.data(), night.merged.size());
-    writePng(temps[2], renderPreview(reference, size.width, size.height, po));
-    writePng(temps[3], mergedPreview);
+    writeHeaderlessRaw(temps[1], nights[0].merged.data(), nights[0].merged.size());
+    writeHeaderlessRaw(temps[2], nights[1].merged.data(), nights[1].merged.size());
+    writePng(temps[3], renderPreview(reference, size.width, size.height, po));
+    writePng(temps[4], meanPreview);
+    writePng(temps[5], renderPreview(nights[1].merged.data(), size.width, size.height, po));
+    writePng(temps[6], weightPicture(nights[1].weights, size.width / 2, size.height / 2));
     if (!fused.empty()) {
-        writeHeaderlessRaw(temps[5], fused.data(), fused.size());
+        writeHeaderlessRaw(temps[8], fused.data(), fused.size());
         PreviewOptions hp;
         std::fill(hp.black, hp.black + 4, kBlack);
-        writePng(temps[6], renderPreview(fused.data(), size.width, size.height, hp));
+        writePng(temps[9], renderPreview(fused.data(), size.width, size.height, hp));
     }
 
     JsonWriter json;
@@ -174,6 +200,7 @@ int runDemo(const std::vector<std::string>& args) {
         .value("bayerPattern", "RGGB")
         .value("blackLevel", kBlack)
         .value("seed", static_cast<int>(kSceneSeed))
+        .value("subjectStepSamples", burstOptions.subjectStep)
         .endObject();
     json.beginObject("night").value("frameCount", static_cast<int>(burst.frames.size())).beginArray("frames");
     for (size_t i = 0; i < burst.frames.size(); ++i)
@@ -185,24 +212,16 @@ int runDemo(const std::vector<std::string>& args) {
             .value("motionDx", burst.motions[i].dx)
             .value("motionDy", burst.motions[i].dy)
             .value("motionDegrees", burst.motions[i].angle * 180.0 / kPi)
-            .value("outcome", outcomeCode(night.analysis.outcomes[i]))
+            .value("outcome", frameOutcomeCode(nights[1].result.frameOutcome[i]))
+            .value("robustMergeWeight", nights[1].result.frameWeight[i])
             .endObject();
     json.endArray()
-        .value("usableFrameCount", night.usable)
-        .beginObject("zoom")
-        .value("top", night.zoom.top)
-        .value("left", night.zoom.left)
-        .value("right", night.zoom.right)
-        .value("bottom", night.zoom.bottom)
-        .value("pointCount", night.zoom.pointCount)
-        .endObject()
-        .value("fellBackToReference", night.analysis.fellBack)
-        .value("fallbackReason", night.analysis.fallbackReason)
-        .value("psnrReference", night.psnrReference)
-        .value("psnrMerged", night.psnrMerged)
-        .value("seconds", night.seconds)
-        .stringArray("libraryOutput", night.libraryLines)
-        .endObject();
+        .value("psnrReferenceStatic", referencePsnr[0])
+        .value("psnrReferenceSubject", referencePsnr[1])
+        .value("psnrReferenceGhostArea", referencePsnr[2]);
+    describeNight(json, nights[0]);
+    describeNight(json, nights[1]);
+    json.endObject();
     json.beginObject("hdr").value("built", hdrAvailable());
     if (hdrAvailable())
         json.value("exposureRatio", bracketOptions.ratio)
@@ -211,30 +230,36 @@ int runDemo(const std::vector<std::string>& args) {
             .value("seconds", hdrSeconds)
             .stringArray("libraryOutput", hdrLines);
     json.endObject().value("buildSeconds", buildSeconds).endObject();
-    writeTextFile(temps[4], json.str());
+    writeTextFile(temps[7], json.str());
     outputs.commit();
 
     std::cout << format("kepraw demo: synthetic scene %dx%d, 10-bit RGGB on black %d (built in %.2f s)\n", size.width,
                         size.height, kBlack, buildSeconds);
-    std::cout << format("night path: %zu frames, 0 and 1 short exposures (1/8, 1/4), 2 the reference\n",
-                        burst.frames.size());
+    std::cout << format("night path: %zu frames, 0 and 1 short exposures (1/8, 1/4), 2 the reference; a subject moves "
+                        "%g samples per frame on its own\n",
+                        burst.frames.size(), burstOptions.subjectStep);
     std::cout << "  frame  exposure  motion dx, dy (samples), rotation   outcome\n";
     for (size_t i = 0; i < burst.frames.size(); ++i) {
         const kep::synth::Motion& m = burst.motions[i];
-        std::cout << format("  %5zu  %8s  %+6.2f, %+6.2f, %+7.4f deg        %s\n", i,
-                            i == 0   ? "1/8"
-                            : i == 1 ? "1/4"
-                                     : "1",
-                            m.dx, m.dy, m.angle * 180.0 / kPi, outcomeText(night.analysis.outcomes[i]));
+        std::string line = format("  %5zu  %8s  %+6.2f, %+6.2f, %+7.4f deg        %s", i,
+                                  i == 0   ? "1/8"
+                                  : i == 1 ? "1/4"
+                                           : "1",
+                                  m.dx, m.dy, m.angle * 180.0 / kPi, frameOutcomeText(nights[1].result.frameOutcome[i]));
+        if (nights[1].result.frameOutcome[i] == KEP_FRAME_MERGED)
+            line += format(" (robust weight %.2f)", nights[1].result.frameWeight[i]);
+        std::cout << line << "\n";
     }
-    if (night.analysis.fellBack)
-        std::cout << "  fell back to the reference frame: " << night.analysis.fallbackReason << "\n";
-    std::cout << format("  usable frames %d, feature points %d, valid area top %d left %d right %d bottom %d\n",
-                        night.usable, night.zoom.pointCount, night.zoom.top, night.zoom.left, night.zoom.right,
-                        night.zoom.bottom);
-    std::cout << format("  PSNR against the clean scene: reference %.2f dB, merged %.2f dB\n", night.psnrReference,
-                        night.psnrMerged);
-    std::cout << format("  time %.3f s\n", night.seconds);
+    std::cout << format("  usable frames %d, feature points %d\n", nights[1].result.usableFrames,
+                        nights[1].result.featurePoints);
+    std::cout << "  PSNR against the clean scene, dB      static   subject   ghost area   time\n";
+    std::cout << format("    reference frame alone          %8.2f  %8.2f  %11.2f\n", referencePsnr[0], referencePsnr[1],
+                        referencePsnr[2]);
+    for (const NightDemo& d : nights)
+        std::cout << format("    %-6s merge                   %8.2f  %8.2f  %11.2f   %.3f s\n", d.name, d.psnr[0],
+                            d.psnr[1], d.psnr[2], d.seconds);
+    std::cout << format("  robust merge: %.1f%% of the other frames' samples rejected as motion (weights.png)\n",
+                        100.0 * nights[1].result.rejectedFraction);
     if (hdrAvailable()) {
         std::cout << format("hdr path: short / mid / long exposures 1/%g, 1/%g, 1, exposure ratio %g\n",
                             bracketOptions.ratio, bracketOptions.ratio / 2, bracketOptions.ratio);
@@ -244,9 +269,9 @@ int runDemo(const std::vector<std::string>& args) {
     } else {
         std::cout << "hdr path: not built (this library has no HDR entry)\n";
     }
-    std::cout << "wrote " << dir << "/: reference.raw merged.raw" << (fused.empty() ? "" : " hdr.raw")
-              << format(" (headerless 16-bit LE, %dx%d), reference.png merged.png", size.width, size.height)
-              << (fused.empty() ? "" : " hdr.png") << " report.json\n";
+    std::cout << "wrote " << dir << "/: reference.raw merged-mean.raw merged-robust.raw" << (fused.empty() ? "" : " hdr.raw")
+              << format(" (headerless 16-bit LE, %dx%d), their PNGs, weights.png, report.json\n", size.width,
+                        size.height);
     return kExitOk;
 }
 

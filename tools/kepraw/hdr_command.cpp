@@ -128,7 +128,8 @@ int runHdr(const std::vector<std::string>& args) {
 
     const auto range = std::minmax_element(fused.begin(), fused.end());
     long clampedInDng = 0;
-    writeRawResult(out, rawTemp, fused, width, height, p.pattern, p.black, clampedInDng);
+    writeRawResult(out, rawTemp, std::vector<uint16_t>(fused.begin(), fused.end()), width, height, p.pattern, p.black, 10,
+                   clampedInDng);
     if (clampedInDng) notes.push_back(format("%ld samples outside 0..1023 clamped in the DNG output", clampedInDng));
     if (!pngTemp.empty()) {
         PreviewOptions po;

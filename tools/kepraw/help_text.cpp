@@ -41,15 +41,30 @@ exit status:
 
 const char* const kNightHelp = R"(usage: kepraw night FRAME... -o OUT [options]
 
-Merges a burst of 3 to 18 raw frames with the low-light entry
-qnNocturnPreProcess. Frames are given in burst order: frames 0 and 1 are the
-two short exposures, frame 2 is the reference the others are aligned to,
-frames 3 and up are further normal frames. Frames must share one size, a
-multiple of 4 in both directions, at least 64x64.
+Merges a burst of 3 to 18 raw frames with the low-light path (kepNightProcess;
+its mean merge is the result of qnNocturnPreProcess). Frames are given in burst
+order: frames 0 and 1 are the two short exposures, frame 2 is the reference the
+others are aligned to, frames 3 and up are further normal frames. Frames must
+share one size, a multiple of 4 in both directions, at least 64x64.
 
 options:
-  -o, --output OUT        merged raw frame (.dng: DNG, anything else: headerless
+  -o, --output OUT        merged raw frame (.dng: DNG with the output depth's
+                          white and black levels, anything else: headerless
                           16-bit little-endian raw, values as the library wrote them)
+  --merge M               mean (the plain average of the aligned frames) or
+                          robust (refined alignment, frames weighed against the
+                          reference by the noise: moving things leave no ghosts)
+                          (default mean)
+  --noise A,B             noise of the frames for the robust merge: variance =
+                          A * signal + B in 10-bit levels above black (default:
+                          estimated from the burst)
+  --output-bits N         depth of the result, 10, 12, 14 or 16 (default 10);
+                          values and black levels scale by 2^(N-10). (--bits is
+                          the depth of headerless inputs.)
+  --workers N             threads of the robust merge, 1..16 (default 2)
+  --weights-png FILE      picture of the robust merge's weights per 2x2 quad:
+                          white where the other frames counted fully, black
+                          where they were rejected as motion
   --size WxH              size of headerless input files
   --bits N                sample depth of headerless input files, 10..16
                           (default 10; deeper data is scaled to 10 bits)
@@ -76,8 +91,10 @@ options:
   -h, --help              show this help
 
 The report on standard output gives each frame's outcome (merged, rejected as
-not sharp enough, rejected by the alignment, ...), the number of usable
-frames, the feature points found on the reference and the valid area.
+not sharp enough, rejected by the alignment, ...) as the library reports it,
+the number of usable frames, the feature points found on the reference, the
+valid area and, for the robust merge, each frame's mean weight, the share of
+samples rejected as motion and the noise model used.
 
 example:
   kepraw night burst_*.dng -o merged.dng --png merged.png --json merged.json

@@ -113,6 +113,16 @@ Preview renderPreview(const short* raw, int width, int height, const PreviewOpti
     return p;
 }
 
+Preview weightPicture(const std::vector<uint8_t>& map, int width, int height) {
+    Preview p;
+    p.width = width;
+    p.height = height;
+    p.rgb.resize(static_cast<size_t>(width) * height * 3);
+    for (size_t i = 0; i < static_cast<size_t>(width) * height; ++i)
+        p.rgb[3 * i] = p.rgb[3 * i + 1] = p.rgb[3 * i + 2] = map[i];
+    return p;
+}
+
 void writePng(const std::string& path, const Preview& preview) {
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));

@@ -32,6 +32,10 @@ struct Preview {
 
 Preview renderPreview(const short* raw, int width, int height, const PreviewOptions& options);
 
+// A grey picture of a per-quad map (the robust merge's weights: white where the
+// frames were merged fully, black where they were rejected).
+Preview weightPicture(const std::vector<uint8_t>& map, int width, int height);
+
 // Writes an 8-bit RGB PNG. Throws std::runtime_error on failure.
 void writePng(const std::string& path, const Preview& preview);
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "raw_reader.h"
+#include "registration/night_process.h"
 #include "registration/nocturn_entry.h"
 #include "test_support.h"
 
@@ -62,7 +63,7 @@ TEST(NightCommand, HeaderlessBurstGivesTheLibrarysResultPreviewAndReport) {
     EXPECT_EQ(ph, h);
     const std::string json = kepraw_test::readBytes(out.file("report.json"));
     EXPECT_TRUE(contains(json, "\"usableFrameCount\": " + std::to_string(direct.usable)));
-    EXPECT_TRUE(contains(json, "\"pointCount\": " + std::to_string(direct.zoom.pointCount)));
+    EXPECT_TRUE(contains(json, "\"featurePoints\": " + std::to_string(direct.zoom.pointCount)));
     EXPECT_TRUE(contains(json, "\"minFeatureCount\": 30"));
     EXPECT_TRUE(contains(json, "\"sharpnessRatio\": 0.8999999762"));
     EXPECT_TRUE(contains(json, "\"outcome\": \"reference\""));
@@ -121,6 +122,53 @@ TEST(NightCommand, TwelveBitDngBurstMapsEveryOptionAndWritesDng) {
     EXPECT_TRUE(contains(json, "\"usableFrameCount\": " + std::to_string(direct.usable)));
     EXPECT_EQ(kepraw_test::snapshot(in), inputs);
     EXPECT_EQ(out.list(), (std::vector<std::string>{"m.dng", "m.json"}));
+}
+
+TEST(NightCommand, RobustMergeAtSixteenBitsWritesItsWeightsAndDeepDng) {
+    const int w = 640, h = 480;
+    const kep::synth::Burst burst = kepraw_test::smallBurst(w, h, 8);
+    TempDir in, out;
+    std::vector<std::string> args = {"night"};
+    for (size_t i = 0; i < burst.frames.size(); ++i) {
+        const std::string path = in.file("frame" + std::to_string(i) + ".raw");
+        kepraw_test::writeHeaderless(path, burst.frames[i]);
+        args.push_back(path);
+    }
+    args.insert(args.end(), {"--size", "640x480", "--merge", "robust", "--noise", "2.5,9", "--output-bits", "16",
+                             "--workers", "1", "-o", out.file("m.dng"), "--weights-png", out.file("w.png"), "--json",
+                             out.file("m.json")});
+    const kepraw_test::RunResult r = kepraw_test::runKepraw(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    std::vector<std::vector<short>> frames = burst.frames;
+    std::vector<short*> pointers;
+    for (auto& f : frames) pointers.push_back(f.data());
+    std::vector<uint16_t> direct(static_cast<size_t>(w) * h);
+    KepNightOptions o;
+    kepNightDefaultOptions(&o);
+    o.mergeMode = KEP_MERGE_ROBUST;
+    o.outputBits = 16;
+    o.noiseGiven = 1;
+    o.noiseA = 2.5f;
+    o.noiseB = 9.0f;
+    KepNightResult result;
+    result.structSize = sizeof(result);
+    ASSERT_EQ(kepNightProcess(pointers.data(), 8, w, h, &o, direct.data(), &result), KEP_NIGHT_OK);
+    const kepraw::RawImage written = kepraw::readRawFile(out.file("m.dng"), {});
+    EXPECT_EQ(written.fileWhite, 65535);
+    EXPECT_EQ(written.fileBlack[0], 64 * 64);
+    for (size_t i = 0; i < direct.size(); i += 31)
+        ASSERT_EQ(written.samples[i], kepraw::scaleTo10Bits(direct[i], 65535)) << i;
+    int pw = 0, ph = 0;
+    ASSERT_TRUE(kepraw_test::pngSize(out.file("w.png"), pw, ph));
+    EXPECT_EQ(pw, w / 2);
+    const std::string json = kepraw_test::readBytes(out.file("m.json"));
+    EXPECT_TRUE(contains(json, "\"merge\": \"robust\""));
+    EXPECT_TRUE(contains(json, "\"outputBits\": 16"));
+    EXPECT_TRUE(contains(json, "\"mergeWeight\""));
+    EXPECT_TRUE(contains(json, "\"rejectedFraction\""));
+    EXPECT_TRUE(contains(r.out, "robust merge: ")) << r.out;
+    EXPECT_TRUE(contains(r.out, "(given)")) << r.out;
 }
 
 TEST(NightCommand, OptionsOverrideTheFilesAndOutputsReplaceOnlyWhatWasAsked) {

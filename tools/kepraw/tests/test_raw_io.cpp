@@ -7,7 +7,6 @@
 #include <random>
 
 #include "cli.h"
-#include "merge_analysis.h"
 #include "png_preview.h"
 #include "raw_reader.h"
 #include "test_support.h"
@@ -198,81 +197,6 @@ TEST(Preview, FlatFieldsComeOutNeutralAndBlackStaysBlack) {
     for (uint8_t v : dark.rgb) ASSERT_EQ(v, 0);
 }
 
-// The night result analysis on hand-made outcomes of the entry.
-struct FakeNight {
-    int w = 16, h = 16;
-    std::vector<std::vector<short>> before, after;
-    std::vector<short> output;
-    USERZOOM zoom{0, 0, 15, 15, 100};
-
-    explicit FakeNight(int frames) {
-        for (int i = 0; i < frames; ++i) before.push_back(randomFrame(w, h, 64, 900, 10 + static_cast<unsigned>(i)));
-        after = before;
-        output.assign(static_cast<size_t>(w) * h, 0);
-    }
-    // Frames `merged` (with the reference) averaged, rounded up, then brightened.
-    void merge(const std::vector<int>& merged, float gain) {
-        zoom = {2, 2, 14, 14, 100};
-        for (size_t p = 0; p < output.size(); ++p) {
-            int sum = after[2][p];
-            for (int i : merged) sum += after[static_cast<size_t>(i)][p];
-            const int k = static_cast<int>(merged.size()) + 1;
-            const int mean = (sum + k - 1) / k;
-            output[p] = static_cast<short>(gain >= 1.0f ? static_cast<int>(static_cast<float>(mean - 64) * gain + 64.0f)
-                                                        : mean);
-        }
-    }
-    kepraw::NightAnalysis analyse(int usable, float gain) const {
-        kepraw::NightCall call{&before, &after, output.data(), w, h, usable, zoom, 30, gain, {64, 64, 64, 64}};
-        return kepraw::analyseNightResult(call);
-    }
-};
-
-TEST(MergeAnalysis, TellsMergedFromRejectedFramesAndExplainsFallbacks) {
-    using kepraw::FrameOutcome;
-    {
-        // Frames 0, 1, 3..6 aligned (changed); 3 and 5 merged, 4 rejected by the
-        // alignment, 6 rejected, 7 untouched (blurred). Brightened by 1.5.
-        FakeNight n(8);
-        for (int i : {0, 1, 3, 4, 5, 6}) n.after[static_cast<size_t>(i)] = randomFrame(n.w, n.h, 64, 900, 50 + i);
-        n.merge({3, 5}, 1.5f);
-        const kepraw::NightAnalysis a = n.analyse(3, 1.5f);
-        EXPECT_FALSE(a.fellBack);
-        EXPECT_TRUE(a.mergeIdentified);
-        const std::vector<FrameOutcome> expected = {FrameOutcome::AlignedShort,      FrameOutcome::AlignedShort,
-                                                    FrameOutcome::Reference,         FrameOutcome::Merged,
-                                                    FrameOutcome::RejectedAlignment, FrameOutcome::Merged,
-                                                    FrameOutcome::RejectedAlignment, FrameOutcome::RejectedBlur};
-        EXPECT_EQ(a.outcomes, expected);
-        // The same output claimed to come from a different count is not identified.
-        EXPECT_FALSE(n.analyse(4, 1.5f).mergeIdentified);
-    }
-    {
-        FakeNight n(5);  // nothing touched, full-frame zoom, too few points
-        n.zoom.pointCount = 3;
-        n.output = n.before[2];
-        const kepraw::NightAnalysis a = n.analyse(1, 1.0f);
-        EXPECT_TRUE(a.fellBack);
-        EXPECT_NE(a.fallbackReason.find("too few feature points"), std::string::npos);
-        EXPECT_EQ(a.outcomes[4], FrameOutcome::NotAligned);
-    }
-    {
-        FakeNight n(5);  // enough points but only the reference was sharp
-        n.output = n.before[2];
-        const kepraw::NightAnalysis a = n.analyse(1, 1.0f);
-        EXPECT_NE(a.fallbackReason.find("sharpness"), std::string::npos);
-        EXPECT_EQ(a.outcomes[3], FrameOutcome::RejectedBlur);
-    }
-    {
-        FakeNight n(5);  // every alignment failed after frames were written back
-        n.after[3].assign(n.after[3].size(), 0);
-        n.output = n.before[2];
-        const kepraw::NightAnalysis a = n.analyse(1, 1.0f);
-        EXPECT_NE(a.fallbackReason.find("aligned"), std::string::npos);
-        EXPECT_EQ(a.outcomes[3], FrameOutcome::RejectedAlignment);
-        EXPECT_EQ(a.outcomes[4], FrameOutcome::RejectedBlur);
-    }
-}
 
 }  // namespace
 
