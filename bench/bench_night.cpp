@@ -2,10 +2,14 @@
 // on its own, in milliseconds per call and megapixels per second.
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "features/grid_features.h"
@@ -17,6 +21,7 @@
 #include "registration/black_level.h"
 #include "registration/frame_average.h"
 #include "registration/guide_image.h"
+#include "registration/night_process.h"
 #include "registration/nocturn_entry.h"
 #include "registration/raw_warp.h"
 #include "registration/sharpness.h"
@@ -88,6 +93,59 @@ void BM_NightPathWhole(benchmark::State& state) {
         state.counters["usable"] = usable;
         state.counters["points"] = zoom.pointCount;
     }
+    setRate(state, static_cast<long>(kWidth) * kHeight * kFrames);
+}
+
+// Growth of the resident set over one call (the call's scratch: inputs and
+// output are touched before): the peak is reset and freed heap handed back to
+// the system first.
+long statusKb(const char* key) {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind(key, 0) == 0) return std::atol(line.c_str() + std::strlen(key));
+    return -1;
+}
+
+template <typename Call>
+double scratchMegabytes(Call call) {
+    malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << "5";
+    const long before = statusKb("VmRSS:");
+    call();
+    const long peak = statusKb("VmHWM:");
+    return before < 0 || peak < 0 ? -1.0 : (peak - before) / 1024.0;
+}
+
+// The night path with options: the mean merge (the entry above, through the new
+// entry) and the robust merge on one worker or two; with the scratch it needs.
+void BM_NightProcess(benchmark::State& state) {
+    std::vector<std::vector<short>> frames = burst().frames;
+    std::vector<short*> ptrs(kFrames);
+    std::vector<uint16_t> output(static_cast<size_t>(kWidth) * kHeight, 1);
+    KepNightOptions o;
+    kepNightDefaultOptions(&o);
+    o.mergeMode = static_cast<int>(state.range(0));
+    o.workers = static_cast<int>(state.range(1));
+    o.sharpnessRatio = 0.5f;
+    KepNightResult r;
+    r.structSize = sizeof(r);
+    auto reset = [&] {
+        for (int i = 0; i < kFrames; ++i) {
+            std::memcpy(frames[i].data(), burst().frames[i].data(), frames[i].size() * sizeof(short));
+            ptrs[i] = frames[i].data();
+        }
+    };
+    reset();
+    state.counters["scratch_MB"] = scratchMegabytes([&] { kepNightProcess(ptrs.data(), kFrames, kWidth, kHeight, &o, output.data(), &r); });
+    for (auto _ : state) {
+        state.PauseTiming();
+        reset();
+        state.ResumeTiming();
+        kepNightProcess(ptrs.data(), kFrames, kWidth, kHeight, &o, output.data(), &r);
+        benchmark::DoNotOptimize(output.data());
+    }
+    state.counters["usable"] = r.usableFrames;
     setRate(state, static_cast<long>(kWidth) * kHeight * kFrames);
 }
 
@@ -279,6 +337,13 @@ void BM_StageAveraging(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_NightPathWhole)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NightProcess)
+    ->ArgNames({"robust", "workers"})
+    ->Args({KEP_MERGE_MEAN, 1})
+    ->Args({KEP_MERGE_ROBUST, 1})
+    ->Args({KEP_MERGE_ROBUST, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_StageGuides)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StageSharpness)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StageFeatures)->Unit(benchmark::kMillisecond);

@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "features/grid_features.h"
 #include "imgcore/fast_paths.h"
+#include "imgcore/worker_pool.h"
 #include "registration/black_level.h"
 #include "registration/guide_image.h"
 #include "registration/sharpness.h"
@@ -30,33 +32,36 @@ void matchShortExposure(unsigned char* guide, size_t pixels, int frameIndex) {
 // Guides of every frame from their black-level-corrected copies. The fast form
 // removes the black level on the fly instead of writing the corrected copy.
 void buildGuides(short** frames, unsigned char** guides, int frameCount, int width, int height, int grayGain,
-                 const int* blackLevelOrder) {
+                 const int* blackLevelOrder, int workers) {
     const size_t pixels = static_cast<size_t>(width) * height / 16;
     int order[4] = {blackLevelOrder[0], blackLevelOrder[1], blackLevelOrder[2], blackLevelOrder[3]};
     const bool fused = kUseFastPaths && guide_detail::blackLevelsFitSamples(order);
-    std::unique_ptr<short[]> corrected(fused ? nullptr : new short[static_cast<size_t>(width) * height]);
-    for (int i = 0; i < frameCount; ++i) {
-        guides[i] = static_cast<unsigned char*>(std::calloc(pixels, 1));
+    for (int i = 0; i < frameCount; ++i) guides[i] = static_cast<unsigned char*>(std::calloc(pixels, 1));
+    WorkerPool pool(std::max(1, std::min(workers, frameCount)));
+    std::vector<std::unique_ptr<short[]>> corrected(static_cast<size_t>(pool.count()));
+    pool.run(frameCount, [&](int worker, int i) {
         if (fused) {
             guide_detail::guideFromRaw(frames[i], order, guides[i], width, height, grayGain);
         } else {
-            removeBLC(frames[i], corrected.get(), width, height, order);
-            bayer_to_8bit_gray(corrected.get(), guides[i], width, height, grayGain, i);
+            std::unique_ptr<short[]>& c = corrected[static_cast<size_t>(worker)];
+            if (!c) c.reset(new short[static_cast<size_t>(width) * height]);
+            removeBLC(frames[i], c.get(), width, height, order);
+            bayer_to_8bit_gray(c.get(), guides[i], width, height, grayGain, i);
         }
         if (width * height >= 16 && i < 2) matchShortExposure(guides[i], pixels, i);
-    }
+    });
 }
 
 }  // namespace
 
 BurstAnalysis::BurstAnalysis(short** frames, int frameCount, int width, int height, int grayGain, float blurSelect,
-                             float sharpnessRatio, const int* blackLevelOrder)
+                             float sharpnessRatio, const int* blackLevelOrder, int workers)
     : frameCount_(frameCount),
       guides_(static_cast<unsigned char**>(std::calloc(static_cast<size_t>(std::max(frameCount, 0)),
                                                        sizeof(unsigned char*)))) {
     std::memset(&points_, 0, sizeof(points_));
     const int g = width / 4, gh = height / 4;
-    buildGuides(frames, guides_, frameCount, width, height, grayGain, blackLevelOrder);
+    buildGuides(frames, guides_, frameCount, width, height, grayGain, blackLevelOrder, workers);
 
     rejectFlags_ = static_cast<char*>(std::calloc(static_cast<size_t>(frameCount), 1));
     int referenceIndex = kReferenceIndex;

@@ -13,10 +13,11 @@ constexpr int kReferenceIndex = 2;
 
 class BurstAnalysis {
 public:
-    // Builds the guides, screens the frames for blur, prepares the guides of the
-    // frames still in use and detects the reference's feature points.
+    // Builds the guides (each frame's on its own, on up to `workers` threads),
+    // screens the frames for blur, prepares the guides of the frames still in use
+    // and detects the reference's feature points.
     BurstAnalysis(short** frames, int frameCount, int width, int height, int grayGain, float blurSelect,
-                  float sharpnessRatio, const int* blackLevelOrder);
+                  float sharpnessRatio, const int* blackLevelOrder, int workers = 1);
     ~BurstAnalysis();
     BurstAnalysis(const BurstAnalysis&) = delete;
     BurstAnalysis& operator=(const BurstAnalysis&) = delete;

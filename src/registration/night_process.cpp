@@ -130,13 +130,15 @@ void runMean(const Layout& l, const KepNightOptions& o, int* black, uint16_t* ou
 }
 
 void runRobust(const Layout& l, const KepNightOptions& o, int* black, uint16_t* output, KepNightResult& r) {
-    BurstAnalysis a(l.frames, l.frameCount, l.width, l.height, o.grayGain, o.blurSelect, o.sharpnessRatio, black);
+    BurstAnalysis a(l.frames, l.frameCount, l.width, l.height, o.grayGain, o.blurSelect, o.sharpnessRatio, black,
+                    o.workers);
     r.featurePoints = a.pointCount();
     fullFrame(r, l.width, l.height);
     int usable = a.sharpCount();
     const bool aligning = a.worthAligning(o.minFeatureCount);
     RobustAlignment rf;
-    if (aligning) rf = alignBurstRobust(l.frames, l.frameCount, l.width, l.height, a, o.alignTuning, &usable);
+    if (aligning)
+        rf = alignBurstRobust(l.frames, l.frameCount, l.width, l.height, a, o.alignTuning, &usable, o.workers);
     const bool merging = aligning && usable > 1 && !o.alignOnly;
 
     NoiseModel noise{o.noiseA, o.noiseB};

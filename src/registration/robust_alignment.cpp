@@ -1,14 +1,15 @@
 #include "registration/robust_alignment.h"
 
-#include <memory>
+#include <algorithm>
 
+#include "imgcore/worker_pool.h"
 #include "registration/frame_registration.h"
 #include "registration/motion_alignment.h"
 
 namespace registration_detail {
 
 RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int height, BurstAnalysis& a,
-                                 float alignTuning, int* usable) {
+                                 float alignTuning, int* usable, int workers) {
     RobustAlignment ra;
     ra.fields.resize(static_cast<size_t>(frameCount));
     ra.cellFields.resize(static_cast<size_t>(frameCount));
@@ -17,7 +18,9 @@ RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int 
     const int g = width / 4, gh = height / 4;
     const double inlierLimit = inlierLimitFor(alignTuning);
     char* reject = a.rejectFlags();
-    std::unique_ptr<ReferenceLattice> lattice;
+    std::vector<int> normal;
+    // The models in frame order: the estimation draws from the process's random
+    // sequence.
     for (int i = 0; i < frameCount; ++i) {
         if (i == kReferenceIndex || reject[i] == 1) continue;
         int ambiguous = 0;
@@ -32,11 +35,19 @@ RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int 
         fieldFromCells(cells, grid, field);
         ra.cellFields[static_cast<size_t>(i)] = field;
         ra.aligned[static_cast<size_t>(i)] = 1;
-        if (i < kReferenceIndex) continue;  // short exposures keep the cell models
-        if (!lattice) lattice.reset(new ReferenceLattice(frames[kReferenceIndex], width, grid));
-        ra.refinedTiles += refineField(*lattice, frames[i], width, grid, field);
-        ra.refinableTiles += grid.count();
+        if (i > kReferenceIndex) normal.push_back(i);  // short exposures keep the cell models
     }
+    // The refinement of every normal frame, each on its own.
+    if (normal.empty()) return ra;
+    const ReferenceLattice lattice(frames[kReferenceIndex], width, grid);
+    std::vector<long long> refined(normal.size(), 0);
+    WorkerPool pool(std::min(workers, static_cast<int>(normal.size())));
+    pool.run(static_cast<int>(normal.size()), [&](int, int k) {
+        const int i = normal[static_cast<size_t>(k)];
+        refined[static_cast<size_t>(k)] = refineField(lattice, frames[i], width, grid, ra.fields[static_cast<size_t>(i)]);
+    });
+    for (long long n : refined) ra.refinedTiles += n;
+    ra.refinableTiles = static_cast<long long>(grid.count()) * static_cast<long long>(normal.size());
     return ra;
 }
 

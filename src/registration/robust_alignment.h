@@ -18,8 +18,8 @@ struct RobustAlignment {
 };
 
 // usable: frames of index 2 and up still in use; decremented for every normal
-// frame whose estimation fails.
+// frame whose estimation fails. The refinements run on up to `workers` threads.
 RobustAlignment alignBurstRobust(short** frames, int frameCount, int width, int height, BurstAnalysis& analysis,
-                                 float alignTuning, int* usable);
+                                 float alignTuning, int* usable, int workers = 1);
 
 }  // namespace registration_detail

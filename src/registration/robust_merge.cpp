@@ -1,14 +1,10 @@
 #include "registration/robust_merge.h"
 
 #include <cmath>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "imgcore/simd_dispatch.h"
+#include "imgcore/worker_pool.h"
 #include "registration/plane_resample.h"
 #include "registration/robust_rows.h"
 
@@ -166,6 +162,9 @@ void robustMergePlain(const MergeSetup& s, std::vector<MergeFrame>& frames) {
 
 namespace {
 
+// Tile rows per band: the halos of a band cost less the taller it is.
+constexpr int kBandTiles = 1;
+
 // Rows above its first one that a band's computation can read in a frame: the
 // halo of two quad rows, the frame's largest upward shift and the kernel's taps.
 int readLag(const TileField& field) {
@@ -181,7 +180,7 @@ int readLag(const TileField& field) {
 class AlignedRows {
 public:
     AlignedRows(short* frame, int width, int lag)
-        : frame_(frame), width_(width), lag_(lag), capacity_(lag + 2 * kTileQuads),
+        : frame_(frame), width_(width), lag_(lag), capacity_(lag + 2 * kTileQuads * kBandTiles),
           rows_(static_cast<size_t>(capacity_) * width) {}
     // Rows [begin, end) of the aligned frame (core: row begin), once the band has
     // been resampled.
@@ -423,86 +422,6 @@ void finishStrip(const MergeSetup& s, const Band& band, const Strip& strip, int 
                 weightMapValue(b.den[static_cast<size_t>(qy - band.qa) * n + (qx - strip.ea)], mergedOthers);
 }
 
-// A fixed set of threads that run the tasks of one step together with the caller
-// and return when all are done. Each task writes only its own data, so results
-// do not depend on which worker runs which task. Threads that cannot be started
-// leave the work to the others.
-class Workers {
-public:
-    explicit Workers(int count) {
-        for (int i = 1; i < count; ++i) {
-            try {
-                threads_.emplace_back([this, i] { loop(i); });
-            } catch (const std::system_error&) {
-                break;
-            }
-        }
-    }
-    ~Workers() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stop_ = true;
-        }
-        wake_.notify_all();
-        for (std::thread& t : threads_) t.join();
-    }
-    int count() const { return static_cast<int>(threads_.size()) + 1; }
-    // Runs task(worker, i) for every i in [0, tasks).
-    void run(int tasks, const std::function<void(int, int)>& task) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            task_ = &task;
-            tasks_ = tasks;
-            next_ = 0;
-            busy_ = static_cast<int>(threads_.size());
-            ++generation_;
-        }
-        wake_.notify_all();
-        work(0);
-        std::unique_lock<std::mutex> lock(mutex_);
-        done_.wait(lock, [this] { return busy_ == 0; });
-        task_ = nullptr;
-    }
-
-private:
-    void work(int worker) {
-        for (;;) {
-            int i;
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (next_ >= tasks_) return;
-                i = next_++;
-            }
-            (*task_)(worker, i);
-        }
-    }
-    void loop(int worker) {
-        long seen = 0;
-        for (;;) {
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                wake_.wait(lock, [&] { return stop_ || generation_ != seen; });
-                if (stop_) return;
-                seen = generation_;
-            }
-            work(worker);
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                --busy_;
-            }
-            done_.notify_one();
-        }
-    }
-
-    std::vector<std::thread> threads_;
-    std::mutex mutex_;
-    std::condition_variable wake_, done_;
-    const std::function<void(int, int)>* task_ = nullptr;
-    int tasks_ = 0, next_ = 0, busy_ = 0;
-    long generation_ = 0;
-    bool stop_ = false;
-};
-
 }  // namespace
 
 void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
@@ -518,7 +437,7 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         spreads.push_back(tileSpreads(*f.field));
     }
     // One strip per worker, of whole tile columns.
-    Workers workers(std::max(1, std::min(s.workers, grid.tilesX)));
+    WorkerPool workers(std::max(1, std::min(s.workers, grid.tilesX)));
     const int stripCount = workers.count();
     std::vector<Strip> strips(static_cast<size_t>(stripCount));
     std::vector<StripScratch> scratch(strips.size());
@@ -546,10 +465,10 @@ void robustMergeFast(const MergeSetup& s, std::vector<MergeFrame>& frames) {
         b.data.assign(frames.size(), 0);
     }
     const bool oneStrip = stripCount == 1;
-    for (int ty = 0; ty < grid.tilesY; ++ty) {
+    for (int ty = 0; ty < grid.tilesY; ty += kBandTiles) {
         Band band;
         band.qa = grid.y0(ty);
-        band.qb = grid.y1(ty);
+        band.qb = grid.y1(std::min(ty + kBandTiles, grid.tilesY) - 1);
         band.wa = std::max(band.qa - 1, 0);
         band.wb = std::min(band.qb + 1, qr);
         band.ha = std::max(band.qa - 2, 0);
